@@ -1,0 +1,46 @@
+#include "catalogue.h"
+
+#include <algorithm>
+#include <array>
+
+#include "app_loader.h"
+#include "core/support_table.h"
+
+namespace orbix::sim {
+
+namespace {
+
+template <typename Simulated>
+std::unique_ptr<Model> make(std::string_view /*name*/) {
+    return std::make_unique<Simulated>();
+}
+
+/// One maker per row of the table of models, in its order; null where nothing is simulated yet.
+using Maker = std::unique_ptr<Model> (*)(std::string_view name);
+constexpr std::array<Maker, 12> makers{
+    nullptr,          // AG3335
+    make<AppLoader>,  // AG3352
+    nullptr,          // HD8xx0
+    nullptr,          // GNSS module evaluation board
+    nullptr,          // monitor, first variant
+    nullptr,          // monitor, second variant
+    nullptr,          // RX7040
+    nullptr,          // STA8100
+    nullptr,          // STA9100
+    nullptr,          // STA8089
+    nullptr,          // ZPX710P
+    nullptr,          // RTA500C
+};
+
+}  // namespace
+
+std::unique_ptr<Model> make_model(std::string_view name) {
+    const SupportRow* row = find_model(name);
+    if (row == nullptr) {
+        return nullptr;
+    }
+    const Maker maker = makers[static_cast<std::size_t>(row - support_table.data())];
+    return maker != nullptr ? maker(name) : nullptr;
+}
+
+}  // namespace orbix::sim

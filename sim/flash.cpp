@@ -1,0 +1,38 @@
+#include "flash.h"
+
+#include <algorithm>
+
+namespace orbix::sim {
+
+bool Flash::contains(std::uint32_t address, std::size_t length) const {
+    return address >= base_ && address - base_ <= cells_.size() &&
+           length <= cells_.size() - (address - base_);
+}
+
+bool Flash::erase(std::uint32_t address, std::size_t length) {
+    if (!contains(address, length)) {
+        return false;
+    }
+    std::fill_n(cells_.begin() + (address - base_), length, std::uint8_t{0xFF});
+    return true;
+}
+
+bool Flash::program(std::uint32_t address, std::span<const std::uint8_t> bytes) {
+    if (!contains(address, bytes.size())) {
+        return false;
+    }
+    const auto cell = cells_.begin() + (address - base_);
+    std::transform(bytes.begin(), bytes.end(), cell, cell,
+                   [](std::uint8_t written, std::uint8_t held) { return written & held; });
+    return true;
+}
+
+std::span<const std::uint8_t> Flash::read(std::uint32_t address, std::size_t length) const {
+    return std::span(cells_).subspan(address - base_, length);
+}
+
+void Flash::fill(std::uint8_t value) {
+    std::fill(cells_.begin(), cells_.end(), value);
+}
+
+}  // namespace orbix::sim

@@ -1,0 +1,101 @@
+// The line between the tool and a simulated module: bit times, rates, faults. It knows nothing of
+// where its clock comes from; the virtual port and the pseudo-terminal host drive it.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <random>
+#include <span>
+#include <vector>
+
+#include "faults.h"
+#include "model.h"
+
+namespace orbix::sim {
+
+/// One byte as it arrived at its end of the line.
+struct TracedByte {
+    Micros time;
+    Direction direction;
+    std::uint8_t byte;
+};
+
+class Line {
+  public:
+    struct Settings {
+        /// Bytes take 10 bit times each; without it they take none.
+        bool paced = true;
+        /// How many bytes of an answer arrive together, as from a USB adapter; 1 for a UART.
+        std::size_t packet = 1;
+        bool traced = true;
+        std::uint64_t seed = 1;
+    };
+
+    Line(Model& model, std::vector<Fault> faults, Settings settings, Micros start);
+
+    /// The tool's side of the line: the rate it is set to, in bits a second, and its parity.
+    void set_host_rate(unsigned baud, bool even_parity);
+
+    /// The tool sends bytes from `now` on. Returns when the last one has left.
+    Micros send(std::span<const std::uint8_t> bytes, Micros now);
+
+    /// Lets everything happen up to `until` that needs no byte to be handed to the tool.
+    void run_until(Micros until);
+
+    /// When the next byte arrives at the tool, if one is under way.
+    [[nodiscard]] std::optional<Micros> next_arrival() const;
+
+    /// When something happens by itself next: an arrival, a wake-up of the model, a timed fault.
+    [[nodiscard]] std::optional<Micros> next_event() const;
+
+    /// Takes the bytes that have arrived at the tool by `now`.
+    std::vector<std::uint8_t> take_arrived(Micros now);
+
+    /// The module loses its power and gets it back.
+    void power_cycle(Micros now);
+
+    [[nodiscard]] bool unplugged() const { return unplugged_; }
+    void unplug() { unplugged_ = true; }
+    [[nodiscard]] const std::vector<TracedByte>& trace() const { return trace_; }
+
+  private:
+    struct Transit {
+        Micros arrival;
+        std::uint8_t byte;
+        unsigned baud;  ///< the sender's rate
+        bool even_parity;
+    };
+
+    /// One direction's state.
+    struct Lane {
+        std::deque<Transit> transit;
+        Micros free_at = 0;
+        std::uint64_t count = 0;  ///< bytes sent so far
+        Micros silent_until = 0;
+    };
+
+    void enqueue(Direction direction, Transit transit);
+    void deliver_to_module(const Transit& transit);
+    void carry(Wire& wire, Micros now);
+    void happen(const Fault& fault, Micros now);
+    [[nodiscard]] Micros byte_time(unsigned baud) const;
+    std::uint8_t garbled();
+    Lane& lane(Direction direction) {
+        return direction == Direction::to_module ? to_module_ : to_host_;
+    }
+
+    Model& model_;
+    std::vector<Fault> faults_;
+    Settings settings_;
+    Micros start_;
+    std::mt19937_64 random_;
+    Lane to_module_;
+    Lane to_host_;
+    unsigned host_baud_ = 115200;
+    bool host_even_parity_ = false;
+    bool unplugged_ = false;
+    std::vector<TracedByte> trace_;
+};
+
+}  // namespace orbix::sim

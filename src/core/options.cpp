@@ -1,0 +1,73 @@
+#include "core/options.h"
+
+#include <getopt.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/kv_log.h"
+#include "platform/platform.h"
+
+namespace orbix {
+
+OptionScan::OptionScan(int argc, char** argv, const char* letters)
+    : arguments_(argv, argv + argc), letters_(letters) {
+    arguments_.push_back(nullptr);
+    platform::restart_option_parser();
+}
+
+int OptionScan::next() {
+    // The long form with no long option: unlike plain getopt it steps over plain words with every
+    // C library.
+    static const option no_long_options[] = {{nullptr, 0, nullptr, 0}};
+    const int argc = static_cast<int>(arguments_.size()) - 1;
+    return getopt_long(argc, arguments_.data(), letters_, no_long_options, nullptr);
+}
+
+const char* OptionScan::value() const {
+    return optarg != nullptr ? optarg : "";
+}
+
+int to_int(const char* text) {
+    const long value = std::strtol(text, nullptr, 10);
+    return static_cast<int>(std::clamp<long>(value, INT_MIN, INT_MAX));
+}
+
+std::string clipped(const char* text, std::size_t length) {
+    const void* end = std::memchr(text, '\0', length);
+    return end != nullptr ? std::string(text) : std::string(text, length);
+}
+
+std::string device_of_port(const char* name) {
+    std::string used = clipped(name, 20);
+    switch (name[0]) {
+        case 't':
+            return "/dev/" + used;
+        case 'U':
+            return "/dev/tty" + used;
+        case '/':
+        case 'C':
+            return used;
+        default:
+            log_error("unknow dev %s\n", name);
+            return {};
+    }
+}
+
+std::string mode_word(int argc, char** argv) {
+    std::string mode;
+    for (int index = 1; index + 1 < argc; ++index) {
+        if (std::strcmp(argv[index], "-t") == 0) {
+            mode = clipped(argv[index + 1], 31);
+        }
+    }
+    return mode;
+}
+
+bool contains_either(const std::string& text, const char* first, const char* second) {
+    return text.find(first) != std::string::npos || text.find(second) != std::string::npos;
+}
+
+}  // namespace orbix

@@ -1,0 +1,92 @@
+#include "families/not_built.h"
+
+#include "core/kv_log.h"
+#include "upgrade/ag3352.h"
+
+namespace orbix {
+
+namespace {
+
+int not_built(const char* entry) {
+    log_error("%s is not built yet\n", entry);
+    return -1;
+}
+
+}  // namespace
+
+namespace ag3335 {
+int ag3335_upgrade(int /*argc*/, char** /*argv*/) {
+    return not_built("ag3335_upgrade");
+}
+int ag3335_readback(int /*argc*/, char** /*argv*/) {
+    return not_built("ag3335_readback");
+}
+}  // namespace ag3335
+
+namespace ag3352 {
+int ag3352_download(int /*argc*/, char** /*argv*/) {
+    return not_built("ag3352_download");
+}
+int ag3352_readback(int /*argc*/, char** /*argv*/) {
+    return not_built("ag3352_readback");
+}
+}  // namespace ag3352
+
+namespace hd8xx0 {
+int hd8xx0_upgrade(int /*argc*/, char** /*argv*/) {
+    return not_built("hd8xx0_upgrade");
+}
+}  // namespace hd8xx0
+
+namespace evb {
+int GNSS_MODULE_EVB_Upgrade(int /*argc*/, char** /*argv*/) {
+    return not_built("GNSS_MODULE_EVB_Upgrade");
+}
+}  // namespace evb
+
+namespace monitor {
+int monitor1_entry(int /*argc*/, char** /*argv*/) {
+    return not_built("monitor1_entry");
+}
+int monitor2_entry(int /*argc*/, char** /*argv*/) {
+    return not_built("monitor2_entry");
+}
+}  // namespace monitor
+
+namespace rx7040 {
+int rx7040_entry(int /*argc*/, char** /*argv*/) {
+    return not_built("rx7040_entry");
+}
+}  // namespace rx7040
+
+namespace sta8100 {
+int sta8100_upgrade(int /*argc*/, char** /*argv*/) {
+    return not_built("sta8100_upgrade");
+}
+}  // namespace sta8100
+
+namespace sta9100 {
+int sta9100_upgrade(int /*argc*/, char** /*argv*/) {
+    return not_built("sta9100_upgrade");
+}
+}  // namespace sta9100
+
+namespace sta8089 {
+int sta8089_upgrade(int /*argc*/, char** /*argv*/) {
+    return not_built("sta8089_upgrade");
+}
+}  // namespace sta8089
+
+namespace zpx710p {
+int zpx710p_entry(int /*argc*/, char** /*argv*/) {
+    return not_built("zpx710p_entry");
+}
+}  // namespace zpx710p
+
+namespace rta500c {
+int rta500c_upgrade(int /*argc*/, char** /*argv*/) {
+    return not_built("rta500c_upgrade");
+}
+}  // namespace rta500c
+
+}  // namespace orbix

@@ -1,0 +1,44 @@
+// Entries of the families that are not built yet: each prints one ERROR line and fails.
+#pragma once
+
+namespace orbix::ag3335 {
+int ag3335_upgrade(int argc, char** argv);
+int ag3335_readback(int argc, char** argv);
+}  // namespace orbix::ag3335
+
+namespace orbix::hd8xx0 {
+int hd8xx0_upgrade(int argc, char** argv);
+}  // namespace orbix::hd8xx0
+
+namespace orbix::evb {
+int GNSS_MODULE_EVB_Upgrade(int argc, char** argv);
+}  // namespace orbix::evb
+
+namespace orbix::monitor {
+int monitor1_entry(int argc, char** argv);
+int monitor2_entry(int argc, char** argv);
+}  // namespace orbix::monitor
+
+namespace orbix::rx7040 {
+int rx7040_entry(int argc, char** argv);
+}  // namespace orbix::rx7040
+
+namespace orbix::sta8100 {
+int sta8100_upgrade(int argc, char** argv);
+}  // namespace orbix::sta8100
+
+namespace orbix::sta9100 {
+int sta9100_upgrade(int argc, char** argv);
+}  // namespace orbix::sta9100
+
+namespace orbix::sta8089 {
+int sta8089_upgrade(int argc, char** argv);
+}  // namespace orbix::sta8089
+
+namespace orbix::zpx710p {
+int zpx710p_entry(int argc, char** argv);
+}  // namespace orbix::zpx710p
+
+namespace orbix::rta500c {
+int rta500c_upgrade(int argc, char** argv);
+}  // namespace orbix::rta500c

@@ -1,0 +1,53 @@
+#include "upgrade/sync_words.h"
+
+#include "core/kv_util.h"
+
+namespace orbix::upgrade {
+
+namespace {
+
+/// Takes bytes into the register until the line is silent for `byte_timeout_ms`. A line that is
+/// never silent is left when the deadline has passed.
+std::uint32_t drain_into(std::uint32_t last_four, SerialHandle handle, unsigned byte_timeout_ms,
+                         std::uint64_t deadline) {
+    std::uint8_t byte = 0;
+    while (serial_read(handle, {&byte, 1}, byte_timeout_ms) != 0) {
+        last_four = last_four >> 8 | std::uint32_t{byte} << 24;
+        if (monotonic_ms() > deadline) {
+            break;
+        }
+    }
+    return last_four;
+}
+
+}  // namespace
+
+int catch_boot_loader(SerialHandle handle, SyncTiming timing) {
+    const std::uint64_t deadline = monotonic_ms() + sync_deadline;
+    std::uint32_t last_four = 0;
+    while (last_four != first_answer_word) {
+        if (monotonic_ms() > deadline) {
+            return sync_timed_out;
+        }
+        serial_write(handle, first_probe);
+        sleep_ms(timing.pause);
+        last_four = drain_into(last_four, handle, timing.byte, deadline);
+    }
+    return 0;
+}
+
+std::uint32_t second_sync_answer(SerialHandle handle, SyncTiming timing) {
+    serial_write(handle, second_probe);
+    sleep_ms(timing.pause);
+    return drain_into(0, handle, timing.byte, monotonic_ms() + sync_deadline);
+}
+
+int sync_boot_loader(SerialHandle handle, SyncTiming first, SyncTiming second) {
+    const int result = catch_boot_loader(handle, first);
+    if (result != 0) {
+        return result;
+    }
+    return second_sync_answer(handle, second) == second_answer_word ? 0 : sync_answer_wrong;
+}
+
+}  // namespace orbix::upgrade

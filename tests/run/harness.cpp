@@ -1,0 +1,224 @@
+#include "run/harness.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <stdexcept>
+
+#include "core/kv_flash_tool.h"
+#include "core/kv_log.h"
+
+namespace orbix::test {
+
+namespace {
+
+/// Gathers what the tool writes while the object lives.
+class LogCapture {
+  public:
+    LogCapture() : stream_(open_memstream(&text_, &size_)) { set_log_stream(stream_); }
+    ~LogCapture() {
+        set_log_stream(nullptr);
+        std::fclose(stream_);
+        std::free(text_);
+    }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    [[nodiscard]] std::string text() {
+        std::fflush(stream_);
+        return {text_, size_};
+    }
+
+  private:
+    char* text_ = nullptr;
+    std::size_t size_ = 0;
+    std::FILE* stream_;
+};
+
+std::string without_stamp(const std::string& line) {
+    const std::size_t end = line.find(']');
+    const bool stamped = line.size() > 8 && line[0] == '[' && line.find('.') < end &&
+                         end != std::string::npos && line[1] >= '0' && line[1] <= '9';
+    return stamped ? line.substr(end + 1) : line;
+}
+
+bool is_progress(const std::string& line) {
+    return line.starts_with("[PROGRESS]") || line.starts_with("[SPEED]");
+}
+
+}  // namespace
+
+Bytes random_image(std::size_t size, unsigned seed) {
+    std::mt19937 random(seed);
+    Bytes bytes(size);
+    std::generate(bytes.begin(), bytes.end(),
+                  [&random] { return static_cast<std::uint8_t>(random()); });
+    return bytes;
+}
+
+TempDir::TempDir() {
+    std::string pattern = std::filesystem::temp_directory_path() / "orbix-test-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("no temporary folder");
+    }
+    folder_ = pattern;
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+}
+
+std::string TempDir::path(const std::string& name) const {
+    return name.empty() ? folder_.string() : (folder_ / name).string();
+}
+
+std::string TempDir::write(const std::string& name, std::span<const std::uint8_t> content) const {
+    std::ofstream file(path(name), std::ios::binary);
+    file.write(reinterpret_cast<const char*>(content.data()),
+               static_cast<std::streamsize>(content.size()));
+    return path(name);
+}
+
+std::string TempDir::write(const std::string& name, const std::string& content) const {
+    const auto* const bytes = reinterpret_cast<const std::uint8_t*>(content.data());
+    return write(name, std::span(bytes, content.size()));
+}
+
+Bytes read_file(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+Conditions unplugged_after_ms(std::uint64_t time) {
+    Conditions conditions;
+    conditions.faults.push_back(
+        {.kind = sim::FaultKind::unplug, .byte = std::nullopt, .time = sim::milliseconds(time)});
+    return conditions;
+}
+
+ToolRun::ToolRun(sim::Model& module, const std::vector<std::string>& arguments,
+                 Conditions conditions) {
+    std::vector<std::string> words{"orbix_flash"};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    std::transform(words.begin(), words.end(), std::back_inserter(argv),
+                   [](std::string& word) { return word.data(); });
+    argv.push_back(nullptr);
+
+    sim::Line line(module, std::move(conditions.faults),
+                   {.paced = true, .packet = 1, .traced = true, .seed = conditions.seed},
+                   sim::VirtualPort::start);
+    sim::VirtualPort port(line, conditions.port);
+    LogCapture log;
+    try {
+        status = flash_tool_main(static_cast<int>(words.size()), argv.data());
+    } catch (const sim::TimeLimitReached&) {
+        hit_time_limit = true;
+    }
+    output = log.text();
+    duration_ms = (port.now - sim::VirtualPort::start) / 1000;
+    trace = line.trace();
+    for (const auto& byte : trace) {
+        (byte.direction == sim::Direction::to_module ? sent : received).push_back(byte.byte);
+    }
+    opens = port.opens;
+    closes = port.closes;
+    left_open = port.open;
+    modem_events = port.modem_events;
+    for (const auto& settings : port.settings_written) {
+        if (rates.empty() || rates.back() != settings.baud) {
+            rates.push_back(settings.baud);
+        }
+    }
+}
+
+std::vector<std::string> ToolRun::lines() const {
+    std::vector<std::string> result;
+    std::size_t begin = 0;
+    while (begin < output.size()) {
+        const std::size_t end = std::min(output.find('\n', begin), output.size());
+        result.push_back(without_stamp(output.substr(begin, end - begin)));
+        begin = end + 1;
+    }
+    return result;
+}
+
+std::vector<std::string> ToolRun::family_lines(bool with_progress) const {
+    std::vector<std::string> all = lines();
+    const auto last_argument = std::find_if(all.rbegin(), all.rend(), [](const std::string& line) {
+        return line.starts_with("new_argv[");
+    });
+    all.erase(all.begin(), last_argument.base());
+    if (!hit_time_limit && !all.empty()) {
+        all.pop_back();
+    }
+    if (!with_progress) {
+        std::erase_if(all, is_progress);
+    }
+    return all;
+}
+
+std::vector<std::string> ToolRun::progress_lines() const {
+    std::vector<std::string> all = lines();
+    std::erase_if(all, [](const std::string& line) { return !is_progress(line); });
+    return all;
+}
+
+std::string ToolRun::result() const {
+    const auto all = lines();
+    return all.empty() ? "" : all.back();
+}
+
+std::size_t ToolRun::count(const std::string& text) const {
+    std::size_t found = 0;
+    for (std::size_t at = output.find(text); at != std::string::npos;
+         at = output.find(text, at + text.size())) {
+        ++found;
+    }
+    return found;
+}
+
+std::string upgrade_failure(int code) {
+    return "[FAIL] orbix_flash upgrade fail,ret:[" + std::to_string(code) + "]";
+}
+
+std::string readback_failure(int code) {
+    return "[FAIL] orbix_flash readback fail,ret:[" + std::to_string(code) + "]";
+}
+
+Bytes hex(const std::string& digits) {
+    Bytes bytes;
+    std::size_t at = 0;
+    while (at < digits.size()) {
+        if (digits[at] == ' ') {
+            ++at;
+            continue;
+        }
+        bytes.push_back(static_cast<std::uint8_t>(std::stoul(digits.substr(at, 2), nullptr, 16)));
+        at += 2;
+    }
+    return bytes;
+}
+
+std::string as_hex(std::span<const std::uint8_t> bytes) {
+    std::string text;
+    for (const std::uint8_t byte : bytes) {
+        std::array<char, 4> digits{};
+        std::snprintf(digits.data(), digits.size(), "%02X", byte);
+        text += text.empty() ? "" : " ";
+        text += digits.data();
+    }
+    return text;
+}
+
+bool contains(std::span<const std::uint8_t> whole, std::span<const std::uint8_t> part) {
+    return std::search(whole.begin(), whole.end(), part.begin(), part.end()) != whole.end();
+}
+
+}  // namespace orbix::test
