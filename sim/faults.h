@@ -28,7 +28,7 @@ enum class FaultKind : std::uint8_t {
 struct Fault {
     FaultKind kind = FaultKind::drop;
     Direction direction = Direction::to_module;
-    std::optional<std::uint64_t> byte;
+    std::optional<std::uint64_t> byte = std::nullopt;
     Micros time = 0;  ///< since the start, when `byte` is not given
     std::uint64_t amount = 1;
 };

@@ -27,8 +27,8 @@ class VirtualPort {
     struct Settings {
         std::string name = "COM6";         ///< the only device that can be opened
         int open_error = 0;                ///< an errno with which every open fails
-        std::optional<int> failing_open;   ///< the open of that number (from 0) fails with ENODEV
-        std::optional<int> failing_write;  ///< the write of that number (from 0) sends nothing
+        std::optional<int> failing_open = std::nullopt;   ///< the open of that number (from 0) fails with ENODEV
+        std::optional<int> failing_write = std::nullopt;  ///< the write of that number (from 0) sends nothing
         bool settings_readable = true;
         bool settings_writable = true;
         Micros limit = milliseconds(24ULL * 3600 * 1000);  ///< of the whole run

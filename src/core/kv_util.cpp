@@ -87,21 +87,27 @@ int AsciiToHex(const char* text, std::uint32_t digits, std::uint8_t* out) {
 }
 
 int NMEA_CheckSum(const char* sentence) {
-    constexpr unsigned last_index = 255;
+    constexpr unsigned last_index = 255;  // where the sentence's 8-bit index stops
     if (sentence[0] == '\0' || sentence[1] == '\0') {
         return 2;
     }
     auto sum = static_cast<std::uint8_t>(sentence[1]);
     unsigned index = 2;
-    for (; sentence[index] != '*'; ++index) {
-        if (sentence[index] == '\0' || index == last_index) {
+    for (; index < last_index && sentence[index] != '*'; ++index) {
+        if (sentence[index] == '\0') {
             return 2;
         }
         sum = static_cast<std::uint8_t>(sum ^ static_cast<std::uint8_t>(sentence[index]));
     }
+    if (sentence[index] == '\0') {
+        return 2;
+    }
     std::uint8_t expected = 0;
     if (AsciiToHex(sentence + index + 1, 2, &expected) != 0) {
         return 3;
+    }
+    if (index == last_index) {
+        return 2;
     }
     return sum == expected ? 0 : 1;
 }

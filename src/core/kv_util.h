@@ -22,8 +22,8 @@ int AsciiToHex(const char* text, std::uint32_t digits, std::uint8_t* out);
 
 /// Checks the checksum of an NMEA 0183 sentence that starts with '$'. The sum runs from the first
 /// character after '$' up to the first '*', which must stand before index 255.
-/// Returns 0 when it matches, 1 when it does not, 2 without '*', 3 when the two characters after
-/// '*' are no hex digits.
+/// Returns 0 when it matches, 1 when it does not, 2 without '*' there, 3 when the two characters
+/// behind the place where the search ended are no hex digits (tested before 2).
 int NMEA_CheckSum(const char* sentence);
 
 /// Waits the given number of microseconds.

@@ -1,0 +1,224 @@
+// The command line, the dispatch and the result lines, around a module that says nothing.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <set>
+
+#include "core/support_table.h"
+#include "run/harness.h"
+
+namespace orbix::test {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+/// A run whose port does not exist: it ends at once, after all that comes before.
+ToolRun without_port(const std::vector<std::string>& arguments) {
+    SilentModule module;
+    Conditions conditions;
+    conditions.port.open_error = ENOENT;
+    return ToolRun(module, arguments, conditions);
+}
+
+bool has_line(const ToolRun& run, const std::string& line) {
+    const Lines lines = run.lines();
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+const Lines usage_lines{
+    " Usage: orbix_flash [options...]",
+    "  -m,  Specify module name,Eg:TR40XBA",
+    "  -p,  Specify port name,Eg:/dev/ttyUSB0",
+    "  -b,  Specify handshake Baud rate",
+    "  -R,  Specify RTS",
+    "  -d,  Specify firmware path(Partial module support)",
+    "  -f,  Specify firmware file(Partial module support)",
+    "  -s,  Specify DA firmware file(Partial module support)",
+    "  -S,  Print all currently supported modules",
+    "  -l,  Specify download Baud rate(Partial module support)",
+    "  -D,  Enable debug mode",
+    "  -t,  Specify Upgrade mode(Partial module support)",
+    "  -c,  Specify Upgrade partition(Partial module support)",
+};
+
+TEST(Core, FirstLineIsTheBannerAtTimeZero) {
+    const ToolRun run = without_port({});
+    EXPECT_TRUE(run.output.starts_with("[000.000][INFO] V1.0.9 ")) << run.output;
+    EXPECT_EQ(run.lines()[0], "[INFO] V1.0.9 " __DATE__ " " + run.lines()[0].substr(26));
+    EXPECT_EQ(run.lines()[1], "[INFO] Enter flash tool ");
+}
+
+TEST(Core, NoArgumentsPrintsUsageAndReturnsMinusOne) {
+    const ToolRun run = without_port({});
+    const Lines lines = run.lines();
+    EXPECT_EQ(Lines(lines.begin() + 2, lines.end()), usage_lines);
+    EXPECT_EQ(run.status, -1);
+}
+
+TEST(Core, NoModulePrintsUsageAndReturnsZero) {
+    const ToolRun run = without_port({"-p", "COM6", "-b", "9600"});
+    const Lines lines = run.lines();
+    EXPECT_EQ(lines[2], "[INFO] dev :COM6");
+    EXPECT_EQ(lines[3], "[INFO] Baud rate:9600");
+    EXPECT_EQ(Lines(lines.begin() + 4, lines.end()), usage_lines);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.opens, 0);
+}
+
+TEST(Core, ListWinsOverEverythingElse) {
+    const ToolRun run = without_port({"-m", "TR52G", "-p", "COM6", "-S", "-b", "115200"});
+    const Lines lines = run.lines();
+    ASSERT_EQ(lines.size(), 2 + 103);
+    EXPECT_EQ(lines[2], "TR40XBA");
+    EXPECT_EQ(lines[21], "TR80XCA");
+    EXPECT_EQ(lines[22], "TR52G");
+    EXPECT_EQ(lines[104], "RTA500C_EVB_NXP");
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.opens, 0);
+}
+
+TEST(Core, OptionsAreLoggedInTheOrderTyped) {
+    const ToolRun run = without_port(
+        {"-b", "115200x", "-o", "x", "-T", "0", "-m", "nosuch", "-R", "1", "-p", "COM6"});
+    const Lines lines = run.lines();
+    const Lines expected{"[INFO] Baud rate:115200", "[INFO] readback", "[INFO] DTR :0",
+                         "[INFO] name :nosuch",     "[INFO] RTS :1",   "[INFO] dev :COM6"};
+    EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 8), expected);
+}
+
+TEST(Core, LinePairsAreTakenOutOfTheFamilysArguments) {
+    const ToolRun run =
+        without_port({"-m", "TR52G", "-R", "0", "-T", "0", "-p", "COM6", "-t", "UPG"});
+    Lines arguments;
+    for (const std::string& line : run.lines()) {
+        if (line.starts_with("new_argv[")) {
+            arguments.push_back(line);
+        }
+    }
+    // The number is the place where the argument stood, the text the one that stood at the place
+    // where it goes: after a pair the two differ.
+    const Lines expected{"new_argv[0]:orbix_flash", "new_argv[1]:-m", "new_argv[2]:TR52G",
+                         "new_argv[7]:-R",          "new_argv[8]:0",  "new_argv[9]:-T",
+                         "new_argv[10]:0"};
+    EXPECT_EQ(arguments, expected);
+    EXPECT_TRUE(has_line(run, "[INFO] RTS :0"));
+    EXPECT_TRUE(has_line(run, "[INFO] DTR :0"));
+    EXPECT_TRUE(has_line(run, " will use device: COM6")) << "the family sees what is left";
+}
+
+TEST(Core, LineValueJoinedToItsLetterStays) {
+    const ToolRun run = without_port({"-m", "TR52G", "-R1", "-p", "COM6", "-t", "UPG"});
+    EXPECT_TRUE(has_line(run, "[INFO] RTS :1"));
+    EXPECT_TRUE(has_line(run, "new_argv[3]:-R1"));
+}
+
+TEST(Core, LinePairAtTheEndHasNoValue) {
+    const ToolRun run = without_port({"-m", "nosuch", "-R"});
+    EXPECT_EQ(run.count("new_argv["), 3U);
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+}
+
+TEST(Core, UnknownModelFailsWithMinusOne) {
+    const ToolRun run = without_port({"-m", "TR52", "-p", "COM6"});
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.opens, 0);
+}
+
+TEST(Core, UnknownModelWithReadback) {
+    const ToolRun run = without_port({"-m", "nosuch", "-o", "file"});
+    EXPECT_EQ(run.result(), readback_failure(-1));
+    EXPECT_EQ(run.status, 0);
+}
+
+TEST(Core, LookupIsExactAndCaseSensitive) {
+    EXPECT_EQ(without_port({"-m", "tr52g"}).result(), upgrade_failure(-1));
+    EXPECT_EQ(find_model("TR52G"), &support_table[1]);
+    EXPECT_EQ(find_model("TR52GX"), nullptr);
+    EXPECT_EQ(find_model(""), nullptr);
+}
+
+TEST(Core, LongModelNameCountsToItsFifteenthCharacter) {
+    const ToolRun run = without_port({"-m", "GNSS-MODULE-EVBxxxxx"});
+    EXPECT_TRUE(has_line(run, "[INFO] name :GNSS-MODULE-EVB"));
+    EXPECT_EQ(find_model("GNSS-MODULE-EVB"), &support_table[3]);
+}
+
+TEST(Core, ReadbackOfAFamilyWithoutItFails) {
+    for (const auto& row : support_table) {
+        if (row.readback == nullptr) {
+            const ToolRun run = without_port({"-m", row.names[0], "-o", "file", "-p", "COM6"});
+            EXPECT_EQ(run.result(), readback_failure(-1)) << row.names[0];
+            EXPECT_TRUE(run.family_lines().empty()) << row.names[0];
+            EXPECT_EQ(run.opens, 0);
+        }
+    }
+}
+
+TEST(Core, LongArgumentsAreSafe) {
+    const std::string long_text(5000, 'C');
+    const ToolRun run = without_port(
+        {"-m", long_text, "-p", long_text, "-f", long_text, "-b", long_text, "-t", long_text});
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+    const ToolRun family = without_port(
+        {"-m", "TR52G", "-p", long_text, "-f", long_text, "-b", "1", "-t", "UPG" + long_text});
+    EXPECT_TRUE(has_line(family, " will use device: CCCCCCCCCCCCCCCCCCCC"));
+    EXPECT_EQ(family.result(), upgrade_failure(-1));
+}
+
+TEST(Core, BothLinesAreAssertedUnlessTheyAreGiven) {
+    using platform::ModemLine;
+    const std::vector<std::string> arguments{"-m", "TR52G", "-p", "COM6",
+                                             "-b", "9600",  "-t", "UPG"};
+    const auto events = [&](const std::vector<std::string>& more) {
+        SilentModule module;
+        auto all = arguments;
+        all.insert(all.end(), more.begin(), more.end());
+        return ToolRun(module, all, unplugged_after_ms(100)).modem_events;
+    };
+    using Events = std::vector<sim::VirtualPort::ModemEvent>;
+    EXPECT_EQ(events({}), (Events{{ModemLine::dtr, true}, {ModemLine::rts, true}}));
+    EXPECT_EQ(events({"-R", "0"}), (Events{{ModemLine::dtr, true}, {ModemLine::rts, false}}));
+    EXPECT_EQ(events({"-T", "0"}), (Events{{ModemLine::dtr, false}, {ModemLine::rts, true}}));
+    EXPECT_EQ(events({"-R", "0", "-T", "0"}),
+              (Events{{ModemLine::dtr, false}, {ModemLine::rts, false}}));
+}
+
+TEST(SupportTable, NamesFitAreUniqueAndFillTheirRowFromTheFront) {
+    std::set<std::string> seen;
+    for (const auto& row : support_table) {
+        bool ended = false;
+        for (const auto& name : row.names) {
+            const std::string text(name);
+            if (text.empty()) {
+                ended = true;
+                continue;
+            }
+            EXPECT_FALSE(ended) << text << " stands behind an empty slot";
+            EXPECT_LE(text.size(), 15U) << text;
+            EXPECT_TRUE(seen.insert(text).second) << text << " stands twice";
+        }
+        EXPECT_NE(row.upgrade, nullptr);
+    }
+    EXPECT_EQ(seen.size(), 103U);
+}
+
+TEST(SupportTable, RowsHaveTheirNumberOfNames) {
+    const std::vector<int> expected{20, 16, 23, 1, 2, 2, 6, 18, 1, 11, 2, 1};
+    std::vector<int> found;
+    for (const auto& row : support_table) {
+        found.push_back(
+            static_cast<int>(std::count_if(std::begin(row.names), std::end(row.names),
+                                           [](const ModelName& name) { return name[0] != '\0'; })));
+    }
+    EXPECT_EQ(found, expected);
+}
+
+TEST(SupportTable, OnlyTwoFamiliesReadBack) {
+    for (std::size_t row = 0; row < support_table.size(); ++row) {
+        EXPECT_EQ(support_table[row].readback != nullptr, row < 2) << row;
+    }
+}
+
+}  // namespace
+}  // namespace orbix::test
