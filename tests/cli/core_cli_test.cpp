@@ -1,15 +1,234 @@
-// What only a process can show: exit status, flushing, exclusive ports, signals.
+// What only processes can show: exit status, flushing, exclusive ports, signals, real terminals.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <thread>
 
 #include "cli/process.h"
+#include "run/harness.h"
 
 namespace orbix::test {
 namespace {
+
+constexpr const char* fast = "921600";
+
+std::vector<std::string> upgrade_arguments(const std::string& port, const std::string& image) {
+    return {"-m", "TR52G", "-p", port, "-b", fast, "-f", image, "-t", "UPG"};
+}
+
+bool ends_with_line(const std::string& output, const std::string& line) {
+    return output.ends_with(line + "\n");
+}
 
 TEST(Program, NoArgumentsIsUsageAndStatus255) {
     const Finished run = run_program("orbix_flash", {});
     EXPECT_EQ(run.status, 255);
     EXPECT_NE(run.output.find(" Usage: "), std::string::npos);
+}
+
+TEST(Program, StatusIsZeroEvenWhenTheRunFailed) {
+    const Finished run = run_program("orbix_flash", {"-m", "nosuch"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_TRUE(ends_with_line(run.output, upgrade_failure(-1)));
+}
+
+TEST(Program, OptionDiagnosticsGoToStandardError) {
+    const Finished run = run_program("orbix_flash", {"-m", "nosuch", "-Z"});
+    EXPECT_NE(run.errors.find("'Z'"), std::string::npos);
+    EXPECT_EQ(run.output.find("'Z'"), std::string::npos);
+}
+
+class ProgramUpgrade : public ::testing::TestWithParam<std::size_t> {};
+
+TEST_P(ProgramUpgrade, OverAPseudoTerminal) {
+    const TempDir folder;
+    const Bytes image = random_image(GetParam());
+    const std::string dump = folder.path("flash.bin");
+    SimulatedModule module("TR52G", {"--rate", fast, "--pace", "--dump", dump});
+    const Finished run = run_program(
+        "orbix_flash", upgrade_arguments(module.port(), folder.write("app.bin", image)));
+    EXPECT_TRUE(ends_with_line(run.output, upgrade_success)) << run.output;
+    EXPECT_EQ(run.errors, "");
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(module.stop().status, 0);
+    const Bytes flash = read_file(dump);
+    ASSERT_EQ(flash.size(), 2U * 1024 * 1024);
+    EXPECT_TRUE(std::equal(image.begin(), image.end(), flash.begin() + 0x9000));
+}
+
+INSTANTIATE_TEST_SUITE_P(Images, ProgramUpgrade, ::testing::Values(0, 1, 4097, 30'000));
+
+TEST(ProgramSim, LinkIsThePortAndGoesAway) {
+    const TempDir folder;
+    // The device name in the tool is clipped, so the link's name is short.
+    const std::string link = "/tmp/orbix" + std::to_string(getpid() % 100'000);
+    SimulatedModule module("TR52G", {"--rate", fast, "--link", link});
+    EXPECT_EQ(module.port(), link);
+    const Finished run = run_program(
+        "orbix_flash", upgrade_arguments(link, folder.write("app.bin", random_image(3000))));
+    EXPECT_TRUE(ends_with_line(run.output, upgrade_success)) << run.output;
+    module.stop();
+    EXPECT_FALSE(std::filesystem::is_symlink(link));
+}
+
+TEST(ProgramSim, ServesOneRunAfterTheOther) {
+    const TempDir folder;
+    SimulatedModule module("TR52G", {"--rate", fast});
+    const std::string image = folder.write("app.bin", random_image(3000));
+    for (int round = 0; round < 2; ++round) {
+        const Finished run = run_program("orbix_flash", upgrade_arguments(module.port(), image));
+        EXPECT_TRUE(ends_with_line(run.output, upgrade_success)) << round << run.output;
+        // The module restarts when it sees the port closed.
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+TEST(ProgramSim, HelpListAndBadArguments) {
+    const Finished help = run_program("orbix_sim", {"--help"});
+    EXPECT_EQ(help.status, 0);
+    for (const std::string option : {"--link", "--pace", "--faults", "--seed", "--dump"}) {
+        EXPECT_NE(help.output.find(option), std::string::npos) << option;
+    }
+    EXPECT_NE(run_program("orbix_sim", {"--list"}).output.find("TR58G\n"), std::string::npos);
+    EXPECT_EQ(run_program("orbix_sim", {}).status, 2);
+    EXPECT_EQ(run_program("orbix_sim", {"NOSUCH"}).status, 2);
+    EXPECT_EQ(run_program("orbix_sim", {"TR52G", "--faults", "explode@3"}).status, 2);
+    EXPECT_EQ(run_program("orbix_sim", {"TR52G", "--faults", "drop"}).status, 2);
+    EXPECT_EQ(run_program("orbix_sim", {"TR52G", "--rate", "0"}).status, 2);
+}
+
+TEST(ProgramSim, FaultOnTheLineIsRetried) {
+    const TempDir folder;
+    SimulatedModule module("TR52G", {"--rate", fast, "--faults", "flip@4000"});
+    const Finished run =
+        run_program("orbix_flash",
+                    upgrade_arguments(module.port(), folder.write("app.bin", random_image(9000))));
+    EXPECT_NE(run.output.find(" Retry count: 1\n"), std::string::npos);
+    EXPECT_TRUE(ends_with_line(run.output, upgrade_success)) << run.output;
+}
+
+TEST(ProgramPort, UnpluggedInMidTransferFails) {
+    const TempDir folder;
+    SimulatedModule module("TR52G", {"--rate", fast, "--faults", "unplug@6000"});
+    const Finished run = run_program(
+        "orbix_flash",
+        upgrade_arguments(module.port(), folder.write("app.bin", random_image(90'000))));
+    EXPECT_NE(run.output.find("[ERROR] Send Firmware failed!\n"), std::string::npos);
+    EXPECT_TRUE(ends_with_line(run.output, upgrade_failure(-1))) << run.output;
+}
+
+TEST(ProgramPort, AbsentPort) {
+    const Finished run = run_program("orbix_flash", upgrade_arguments("ttyNOSUCH", "x"));
+    EXPECT_NE(run.output.find("[ERROR] Error opening /dev/ttyNOSUCH: No such file or directory\n"),
+              std::string::npos);
+    EXPECT_TRUE(ends_with_line(run.output, upgrade_failure(-1)));
+}
+
+TEST(ProgramPort, WhatIsNoSerialDeviceIsRefused) {
+    for (const std::string port : {"/dev/null", "/etc/passwd", "/tmp"}) {
+        const Finished run = run_program("orbix_flash", upgrade_arguments(port, "x"));
+        EXPECT_NE(run.output.find("[ERROR] Error opening " + port + ": "), std::string::npos);
+        EXPECT_TRUE(ends_with_line(run.output, upgrade_failure(-1)));
+    }
+}
+
+TEST(ProgramPort, NameWithoutASlashIsLookedForInDev) {
+    // "COM6" passes through the tool as it is; as a file of that name does not exist here, the
+    // system is asked for /dev/COM6 and has none either.
+    const Finished run = run_program("orbix_flash", upgrade_arguments("COM6", "x"));
+    EXPECT_NE(run.output.find("[ERROR] Error opening COM6: No such file or directory\n"),
+              std::string::npos);
+}
+
+/// Waits until the output of a running tool holds a text.
+void await(Background& tool, const std::string& text) {
+    for (std::string line = tool.read_line(); !line.empty(); line = tool.read_line()) {
+        if (line.find(text) != std::string::npos) {
+            return;
+        }
+    }
+    ADD_FAILURE() << "the tool never printed: " << text;
+}
+
+TEST(ProgramPort, SecondRunOnABusyPortIsRefusedAndDoesNotDisturbTheFirst) {
+    const TempDir folder;
+    SimulatedModule module("TR52G", {"--rate", fast, "--pace"});
+    const std::string image = folder.write("app.bin", random_image(40'000));
+    Background first("orbix_flash", upgrade_arguments(module.port(), image));
+    await(first, "[INFO] Sync success!");
+    const Finished second = run_program("orbix_flash", upgrade_arguments(module.port(), image));
+    EXPECT_NE(second.output.find("[ERROR] Error opening " + module.port() +
+                                 ": Device or resource busy\n"),
+              std::string::npos);
+    EXPECT_TRUE(ends_with_line(first.finish().output, upgrade_success));
+}
+
+TEST(ProgramPort, LockOfAnotherProgramIsHonoured) {
+    SimulatedModule module("TR52G");
+    const int descriptor = open(module.port().c_str(), O_RDWR | O_NOCTTY);
+    ASSERT_GE(descriptor, 0);
+    ASSERT_EQ(flock(descriptor, LOCK_EX | LOCK_NB), 0);
+    const Finished run = run_program("orbix_flash", upgrade_arguments(module.port(), "x"));
+    EXPECT_NE(run.output.find("busy"), std::string::npos) << run.output;
+    close(descriptor);
+}
+
+bool is_exclusive(int descriptor) {
+    int exclusive = 0;
+    return ioctl(descriptor, TIOCGEXCL, &exclusive) == 0 && exclusive != 0;
+}
+
+TEST(ProgramPort, ExclusiveFlagIsSetDuringTheRunAndGivenBackBySignals) {
+    for (const int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
+        SimulatedModule module("TR52G");  // at another rate: the tool waits for its answer
+        const int watcher = open(module.port().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+        ASSERT_GE(watcher, 0);
+        Background tool("orbix_flash", upgrade_arguments(module.port(), "x"));
+        await(tool, "[INFO] Waiting for Sync...");
+        EXPECT_TRUE(is_exclusive(watcher));
+        tool.send_signal(signal_number);
+        EXPECT_EQ(tool.finish().signal, signal_number) << "the signal still ends the program";
+        EXPECT_FALSE(is_exclusive(watcher));
+        EXPECT_EQ(flock(watcher, LOCK_EX | LOCK_NB), 0) << "the lock is free again";
+        close(watcher);
+    }
+}
+
+TEST(ProgramPort, ExclusiveFlagIsGivenBackWhereThePortIsLeftOpen) {
+    const TempDir folder;
+    SimulatedModule module("TR52G", {"--rate", fast});
+    const int watcher = open(module.port().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+    ASSERT_GE(watcher, 0);
+    const Finished run = run_program(
+        "orbix_flash", upgrade_arguments(module.port(), folder.write("a", random_image(100))));
+    EXPECT_TRUE(ends_with_line(run.output, upgrade_success));
+    EXPECT_FALSE(is_exclusive(watcher));
+    close(watcher);
+}
+
+TEST(Program, LinesAreFlushedAsTheyAreWritten) {
+    SimulatedModule module("TR52G");
+    Background tool("orbix_flash", upgrade_arguments(module.port(), "x"));
+    // The tool is still waiting for its module when this line has to be here.
+    await(tool, "[INFO] Waiting for Sync...");
+    tool.send_signal(SIGKILL);
+    EXPECT_EQ(tool.finish().signal, SIGKILL);
+}
+
+TEST(Program, NonStandardRateIsSetOnTheTerminal) {
+    const TempDir folder;
+    SimulatedModule module("TR52G", {"--rate", "1234567"});
+    auto arguments = upgrade_arguments(module.port(), folder.write("a", random_image(100)));
+    arguments[5] = "1234567";
+    EXPECT_TRUE(ends_with_line(run_program("orbix_flash", arguments).output, upgrade_success));
 }
 
 }  // namespace
