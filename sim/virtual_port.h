@@ -25,10 +25,12 @@ class TimeLimitReached : public std::runtime_error {
 class VirtualPort {
   public:
     struct Settings {
-        std::string name = "COM6";         ///< the only device that can be opened
-        int open_error = 0;                ///< an errno with which every open fails
-        std::optional<int> failing_open = std::nullopt;   ///< the open of that number (from 0) fails with ENODEV
-        std::optional<int> failing_write = std::nullopt;  ///< the write of that number (from 0) sends nothing
+        std::string name = "COM6";  ///< the only device that can be opened
+        int open_error = 0;         ///< an errno with which every open fails
+        std::optional<int> failing_open =
+            std::nullopt;  ///< the open of that number (from 0) fails with ENODEV
+        std::optional<int> failing_write =
+            std::nullopt;  ///< the write of that number (from 0) sends nothing
         bool settings_readable = true;
         bool settings_writable = true;
         Micros limit = milliseconds(24ULL * 3600 * 1000);  ///< of the whole run

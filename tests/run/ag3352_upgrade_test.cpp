@@ -104,7 +104,7 @@ struct Upgrade {
         return lines;
     }
     /// Lets the module answer a command with something else.
-    void answer(std::uint8_t command, std::function<void(Bytes& response)> change) {
+    void answer(std::uint8_t command, const std::function<void(Bytes& response)>& change) {
         module.tamper = [command, change](const UpgradeFrame& frame, Bytes& response) {
             if (frame.command == command) {
                 change(response);
