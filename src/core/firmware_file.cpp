@@ -1,15 +1,25 @@
 #include "core/firmware_file.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <climits>
-#include <filesystem>
-#include <system_error>
 
 namespace orbix {
 
+// Paths stay what the system handed over: std::filesystem would read them as UTF-8 on Windows.
+namespace {
+
+bool is_folder(const char* path) {
+    struct stat about {};
+    return stat(path, &about) == 0 && S_ISDIR(about.st_mode);
+}
+
+}  // namespace
+
 FirmwareFile::FirmwareFile(const char* path) {
-    std::error_code ignored;
-    if (std::filesystem::is_directory(path, ignored)) {
+    if (is_folder(path)) {
         errno = EISDIR;
         return;
     }
@@ -41,8 +51,7 @@ void FirmwareFile::rewind() {
 }
 
 bool path_exists(const char* path) {
-    std::error_code ignored;
-    return std::filesystem::exists(path, ignored);
+    return access(path, F_OK) == 0;
 }
 
 }  // namespace orbix

@@ -8,14 +8,14 @@
 #include <cstring>
 
 #include "core/kv_log.h"
-#include "platform/platform.h"
 
 namespace orbix {
 
 OptionScan::OptionScan(int argc, char** argv, const char* letters)
     : arguments_(argv, argv + argc), letters_(letters) {
     arguments_.push_back(nullptr);
-    platform::restart_option_parser();
+    // 0, not 1: the parser then also forgets a cluster of letters that it was in the middle of.
+    optind = 0;
 }
 
 int OptionScan::next() {

@@ -68,7 +68,4 @@ const Backend& current();
 /// Puts another back end in place. It must outlive its use.
 void use(const Backend& backend);
 
-/// Makes the next call of `getopt` start afresh at the first argument.
-void restart_option_parser();
-
 }  // namespace orbix::platform

@@ -6,7 +6,6 @@
 #include <asm/ioctls.h>
 #include <asm/termbits.h>
 #include <fcntl.h>
-#include <getopt.h>
 #include <linux/serial.h>
 #include <poll.h>
 #include <sys/file.h>
@@ -372,11 +371,6 @@ constexpr Backend posix_backend{
 
 const Backend& native() {
     return posix_backend;
-}
-
-void restart_option_parser() {
-    // 0, not 1: the GNU parser then also forgets a cluster of letters that it was in the middle of.
-    optind = 0;
 }
 
 }  // namespace orbix::platform
