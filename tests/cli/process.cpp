@@ -35,8 +35,10 @@ bool take(int descriptor, std::string& text) {
 
 }  // namespace
 
-Background::Background(const std::string& program, const std::vector<std::string>& arguments) {
-    const std::string path = std::string(ORBIX_BIN_DIR) + "/" + program;
+Background::Background(const std::string& program, const std::vector<std::string>& arguments,
+                       const std::string& folder) {
+    const bool is_path = program.find('/') != std::string::npos;
+    const std::string path = is_path ? program : std::string(ORBIX_BIN_DIR) + "/" + program;
     std::vector<std::string> words{path};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
@@ -50,6 +52,9 @@ Background::Background(const std::string& program, const std::vector<std::string
     if (pid_ == 0) {
         dup2(out[1], STDOUT_FILENO);
         dup2(err[1], STDERR_FILENO);
+        if (!folder.empty() && chdir(folder.c_str()) != 0) {
+            _exit(126);
+        }
         execv(path.c_str(), argv.data());
         _exit(127);
     }
@@ -112,8 +117,9 @@ Finished Background::finish() {
     return finished;
 }
 
-Finished run_program(const std::string& program, const std::vector<std::string>& arguments) {
-    return Background(program, arguments).finish();
+Finished run_program(const std::string& program, const std::vector<std::string>& arguments,
+                     const std::string& folder) {
+    return Background(program, arguments, folder).finish();
 }
 
 namespace {

@@ -15,13 +15,16 @@ struct Finished {
     std::string errors;
 };
 
-/// Runs one of the built programs to its end. It is killed after a minute.
-Finished run_program(const std::string& program, const std::vector<std::string>& arguments);
+/// Runs one of the built programs (or any, given by its path) to its end, in `folder` when one is
+/// given. It is killed after a minute.
+Finished run_program(const std::string& program, const std::vector<std::string>& arguments,
+                     const std::string& folder = "");
 
 /// A program that runs beside the test.
 class Background {
   public:
-    Background(const std::string& program, const std::vector<std::string>& arguments);
+    Background(const std::string& program, const std::vector<std::string>& arguments,
+               const std::string& folder = "");
     ~Background();
     Background(const Background&) = delete;
     Background& operator=(const Background&) = delete;
