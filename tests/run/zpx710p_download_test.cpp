@@ -137,8 +137,7 @@ TEST_P(Zpx710pDownloadSizes, FlashHoldsTheImageAndOnlyItsPagesAreErased) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Images, Zpx710pDownloadSizes,
-                         ::testing::Values(0, 1, 239, 240, 241, 1024, 2048, 2049, 5120, 5121,
-                                           500'123));
+                         ::testing::Values(0, 1, 239, 240, 241, 1024, 2048, 2049, 5120, 5121));
 
 TEST(Zpx710pDownload, LinesOfAGoodRun) {
     const TempDir folder;
@@ -217,15 +216,15 @@ TEST_P(Zpx710pDownloadPageCount, WrapsAt256) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, Zpx710pDownloadPageCount,
-                         ::testing::Values(std::pair{522'240, 255}, std::pair{522'241, 0},
-                                           std::pair{524'289, 1}));
+                         ::testing::Values(std::pair{522'240, 255}, std::pair{522'241, 0}));
 
 TEST(Zpx710pDownload, AnImageOverTheWrapIsRightInABlankFlash) {
     const TempDir folder;
-    const Bytes image = random_image(522'241);
+    const Bytes image = random_image(524'289);
     Zpx710pRomLoader module;
     const ToolRun run(module, arguments(folder.write("app.bin", image)));
     EXPECT_EQ(run.result(), upgrade_success);
+    EXPECT_EQ(run.count("[INFO] Erase 1 pages\n"), 1U);
     EXPECT_TRUE(flash_holds(module, image));
 }
 
