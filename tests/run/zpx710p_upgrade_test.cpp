@@ -311,6 +311,25 @@ TEST(Zpx710pUpgradeModes, NothingElseIsValidated) {
     EXPECT_EQ(run.result(), upgrade_success);
 }
 
+TEST(Zpx710pUpgradeModes, OneModuleServesEveryMode) {
+    const TempDir folder;
+    sim::Zpx710p module;
+    unsigned seed = 1;
+    for (const Target& target : targets) {
+        const Bytes image = random_image(3000, seed++);
+        const ToolRun run(module, arguments(target, folder.write("app.bin", image)));
+        EXPECT_EQ(run.result(), upgrade_success);
+        EXPECT_TRUE(
+            std::ranges::equal(module.flash().read(target.load_address, image.size()), image));
+    }
+    module.even_parity = true;  // on a pseudo-terminal there is none
+    const Bytes image = random_image(3000, seed);
+    const ToolRun run(module, {"-m", "ZPX710P", "-p", "COM6", "-b", "115200", "-f",
+                               folder.write("app.bin", image), "-t", "DL"});
+    EXPECT_EQ(run.result(), upgrade_success);
+    EXPECT_TRUE(std::ranges::equal(module.flash().read(0x08000000, image.size()), image));
+}
+
 // --- The pass-through request ---
 
 TEST_P(Zpx710pUpgrade, SilenceEndsTheSynchronisationAfter20Seconds) {
