@@ -210,7 +210,7 @@ TEST(Zpx710pDownload, TheNumberOfPagesWrapsAt256) {
     const TempDir folder;
     const Bytes image = random_image(524'289);
     Zpx710pRomLoader module;
-    module.flash().program(flash_base, Bytes(2 * 2048, 0x00));
+    module.flash().program(flash_base, Bytes(4096, 0x00));
     const ToolRun run(module, arguments(folder.write("app.bin", image)));
     EXPECT_EQ(run.result(), upgrade_success);
     EXPECT_EQ(run.count("[INFO] Erase 1 pages\n"), 1U);
@@ -223,7 +223,7 @@ TEST(Zpx710pDownload, TheNumberOfPagesWrapsAt256) {
 // The pages are erased in order although every erase carries the page number 0.
 TEST(Zpx710pDownload, PageNumberIsZeroForEveryPage) {
     const TempDir folder;
-    const Bytes image = random_image(3 * 2048);
+    const Bytes image = random_image(6144);
     Zpx710pRomLoader module;
     module.flash().fill(0x00);
     const ToolRun run(module, arguments(folder.write("app.bin", image)));
@@ -351,7 +351,7 @@ TEST(Zpx710pDownload, EmptyImageErasesAndWritesNothing) {
 TEST(Zpx710pDownload, AnImageLargerThanTheFlashIsRefusedByTheModule) {
     const TempDir folder;
     const std::string path = folder.write("app.bin", random_image(5000));
-    Zpx710pRomLoader module(2 * 2048);
+    Zpx710pRomLoader module(4096);
     const ToolRun run(module, arguments(path));
     EXPECT_EQ(run.family_lines(),
               joined(preamble(path), {"[INFO] Handshake success", "[INFO] Firmware size: 5000",

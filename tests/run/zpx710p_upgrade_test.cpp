@@ -848,7 +848,7 @@ TEST_P(Zpx710pUpgrade, DisturbedAtEveryByte) {
                             sim::FaultKind::power_cycle}) {
         for (std::size_t at = 0; at < count; ++at) {
             Zpx710pModule module;
-            Conditions conditions = unplugged_after_ms(100'000);
+            Conditions conditions = unplugged_after_ms(40'000);
             conditions.faults.push_back({.kind = kind, .byte = at});
             const ToolRun run(module, arguments(GetParam(), path), conditions);
             EXPECT_FALSE(run.hit_time_limit) << at;
