@@ -169,7 +169,7 @@ TEST(Zpx710pDownload, SpeedCountsOneKilobyteMoreOverTheTimeSinceTheStart) {
                                folder.write("app.bin", random_image(240)), "-t", "DL"});
     EXPECT_EQ(run.result(), upgrade_success);
     EXPECT_EQ(run.rates, std::vector<unsigned>{1200});
-    EXPECT_EQ(run.progress_lines().back(), "[SPEED] 240 Bytes/240 Bytes    0.6 KBps");
+    EXPECT_EQ(run.count("[SPEED] 240 Bytes/240 Bytes    0.6 KBps\n"), 1U);
 }
 
 TEST(Zpx710pDownload, TheStatedPackets) {
@@ -227,6 +227,7 @@ TEST(Zpx710pDownload, PageNumberIsZeroForEveryPage) {
     Zpx710pRomLoader module;
     module.flash().fill(0x00);
     const ToolRun run(module, arguments(folder.write("app.bin", image)));
+    ASSERT_EQ(run.sent, expected_bytes(image));
     EXPECT_EQ(as_hex(std::span(run.sent).first(16)),
               "7F 43 BC 00 00 00 43 BC 00 00 00 43 BC 00 00 00");
     EXPECT_TRUE(flash_holds(module, image));
@@ -556,7 +557,6 @@ TEST(Zpx710pDownload, ACommandIsRepeatedUntilItIsUnderstood) {
     const ToolRun run(module, arguments(folder.write("app.bin", image)), conditions);
     EXPECT_EQ(run.result(), upgrade_success);
     EXPECT_TRUE(flash_holds(module, image));
-    EXPECT_EQ(as_hex(std::span(run.sent).first(17)).substr(0, 2), "7F");
     EXPECT_EQ(run.sent.size(), expected_bytes(image).size() + 10);
 }
 

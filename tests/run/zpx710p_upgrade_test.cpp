@@ -551,6 +551,19 @@ TEST(Zpx710pHandshake, SecondProbeIsRepeatedFor2Seconds) {
     EXPECT_EQ(run.closes, 1);
 }
 
+// At 600 bits a second the first phase takes so long that it shows: counted from its end, there
+// would be time for a fourth probe.
+TEST(Zpx710pHandshake, The2SecondsAreCountedFromTheFirstPhasesLastProbe) {
+    const TempDir folder;
+    Zpx710pModule module;
+    module.start_baud = 600;
+    module.mcu.tamper_sync = wrong_at_first(sim::SyncEvent::second_probe, 100);
+    const ToolRun run(module, {"-m", "ZPX710P", "-p", "COM6", "-b", "600", "-f",
+                               folder.write("app.bin", random_image(10)), "-t", "MCU_UPG"});
+    EXPECT_EQ(run.count("[INFO] ZPX_Upgrade_Sync --- rsp2 = 54fd5ba0\n"), 3U);
+    EXPECT_EQ(run.result(), upgrade_failure(1025));
+}
+
 TEST(Zpx710pHandshake, TheThirdSecondAnswerIsStillGood) {
     const TempDir folder;
     const std::string path = folder.write("app.bin", random_image(10));
