@@ -57,8 +57,8 @@ void AppLoader::wake(Micros /*now*/, Wire& wire) {
 
 void AppLoader::hear_sync(std::uint8_t byte, Wire& wire) {
     const SyncEvent probe = sync_.push(byte);
-    if (probe == SyncEvent::none ||
-        (probe == SyncEvent::second_probe && state_ != State::half_caught)) {
+    const bool awaits_second = state_ == State::half_caught || state_ == State::ready;
+    if (probe == SyncEvent::none || (probe == SyncEvent::second_probe && !awaits_second)) {
         return;
     }
     const auto& words = probe == SyncEvent::first_probe ? sync_first_answer : sync_second_answer;

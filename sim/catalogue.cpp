@@ -5,6 +5,7 @@
 
 #include "app_loader.h"
 #include "core/support_table.h"
+#include "zpx710p.h"
 
 namespace orbix::sim {
 
@@ -28,7 +29,7 @@ constexpr std::array<Maker, 12> makers{
     nullptr,          // STA8100
     nullptr,          // STA9100
     nullptr,          // STA8089
-    nullptr,          // ZPX710P
+    make<Zpx710p>,    // ZPX710P
     nullptr,          // RTA500C
 };
 

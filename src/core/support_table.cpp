@@ -2,6 +2,7 @@
 
 #include "families/not_built.h"
 #include "upgrade/ag3352.h"
+#include "upgrade/zpx710p.h"
 
 namespace orbix {
 

@@ -77,12 +77,6 @@ int sta8089_upgrade(int /*argc*/, char** /*argv*/) {
 }
 }  // namespace sta8089
 
-namespace zpx710p {
-int zpx710p_entry(int /*argc*/, char** /*argv*/) {
-    return not_built("zpx710p_entry");
-}
-}  // namespace zpx710p
-
 namespace rta500c {
 int rta500c_upgrade(int /*argc*/, char** /*argv*/) {
     return not_built("rta500c_upgrade");

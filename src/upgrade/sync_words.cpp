@@ -22,12 +22,16 @@ std::uint32_t drain_into(std::uint32_t last_four, SerialHandle handle, unsigned 
 
 }  // namespace
 
-int catch_boot_loader(SerialHandle handle, SyncTiming timing) {
+int catch_boot_loader(SerialHandle handle, SyncTiming timing, std::uint64_t* last_attempt) {
     const std::uint64_t deadline = monotonic_ms() + sync_deadline;
     std::uint32_t last_four = 0;
     while (last_four != first_answer_word) {
-        if (monotonic_ms() > deadline) {
+        const std::uint64_t now = monotonic_ms();
+        if (now > deadline) {
             return sync_timed_out;
+        }
+        if (last_attempt != nullptr) {
+            *last_attempt = now;
         }
         serial_write(handle, first_probe);
         sleep_ms(timing.pause);

@@ -35,8 +35,10 @@ inline constexpr unsigned sync_deadline = 20000;
 
 /// Sends the first probe until its answer is seen. Returns 0, or `sync_timed_out` after
 /// `sync_deadline`. The register of the last four bytes is kept from one attempt to the next: an
-/// answer may come in two pieces.
-int catch_boot_loader(SerialHandle handle, SyncTiming timing);
+/// answer may come in two pieces. `last_attempt` receives the monotonic time, in ms, at which the
+/// last probe was sent.
+int catch_boot_loader(SerialHandle handle, SyncTiming timing,
+                      std::uint64_t* last_attempt = nullptr);
 
 /// Sends the second probe once and returns the last four bytes of what came back as a register,
 /// newest byte on top (`second_answer_word` is the good one).
