@@ -5,6 +5,9 @@
 
 #include "app_loader.h"
 #include "core/support_table.h"
+#include "evaluation_board.h"
+#include "monitor_module.h"
+#include "rx7040_module.h"
 
 namespace orbix::sim {
 
@@ -15,21 +18,26 @@ std::unique_ptr<Model> make(std::string_view /*name*/) {
     return std::make_unique<Simulated>();
 }
 
+template <const auto& reset_header>
+std::unique_ptr<Model> make_monitor(std::string_view /*name*/) {
+    return std::make_unique<MonitorModule>(MonitorModule::Behaviour{.reset_header = reset_header});
+}
+
 /// One maker per row of the table of models, in its order; null where nothing is simulated yet.
 using Maker = std::unique_ptr<Model> (*)(std::string_view name);
 constexpr std::array<Maker, 12> makers{
-    nullptr,          // AG3335
-    make<AppLoader>,  // AG3352
-    nullptr,          // HD8xx0
-    nullptr,          // GNSS module evaluation board
-    nullptr,          // monitor, first variant
-    nullptr,          // monitor, second variant
-    nullptr,          // RX7040
-    nullptr,          // STA8100
-    nullptr,          // STA9100
-    nullptr,          // STA8089
-    nullptr,          // ZPX710P
-    nullptr,          // RTA500C
+    nullptr,                                      // AG3335
+    make<AppLoader>,                              // AG3352
+    nullptr,                                      // HD8xx0
+    make<EvaluationBoard>,                        // GNSS module evaluation board
+    make_monitor<MonitorModule::first_variant>,   // monitor, first variant
+    make_monitor<MonitorModule::second_variant>,  // monitor, second variant
+    make<Rx7040Module>,                           // RX7040
+    nullptr,                                      // STA8100
+    nullptr,                                      // STA9100
+    nullptr,                                      // STA8089
+    nullptr,                                      // ZPX710P
+    nullptr,                                      // RTA500C
 };
 
 }  // namespace
