@@ -5,7 +5,7 @@ namespace orbix::sim {
 namespace {
 
 constexpr std::uint32_t flash_base = 0x08000000;
-constexpr std::uint32_t flash_size = 2 * 1024 * 1024;
+constexpr std::uint32_t flash_size = 1024 * 1024;
 
 constexpr std::string_view rom_call = "DLS";
 constexpr std::string_view rom_answer = "CCC";

@@ -30,8 +30,8 @@ constexpr char acknowledge = 0x06;
 
 /// The name of lrzsz's XMODEM receiver on this system, or an empty text.
 std::string lrzsz_receiver() {
-    for (const std::string name : {"lrx", "rx"}) {
-        const std::string command = name + " --version 2>/dev/null";
+    for (const char* const name : {"lrx", "rx"}) {
+        const std::string command = std::string(name) + " --version 2>/dev/null";
         std::FILE* output = popen(command.c_str(), "r");  // NOLINT(*-env33-c): a fixed command
         std::array<char, 256> line{};
         const bool said =

@@ -396,7 +396,7 @@ TEST_F(Monitor, EndsWhereverTheDeviceVanishes) {
     for (const auto* reset : {"AUTO", "MANUAL"}) {
         MonitorModule module;
         const std::uint64_t whole = upgrade(module, "APP", reset).duration_ms;
-        for (std::uint64_t time = 1; time < whole; time += 23) {
+        for (std::uint64_t time = 1; time < whole; time += 47) {
             const ToolRun run = upgrade(module, "APP", reset, unplugged_after_ms(time));
             ASSERT_FALSE(run.hit_time_limit) << "unplugged after " << time << " ms";
             ASSERT_EQ(run.result(), upgrade_failure(-1)) << "unplugged after " << time << " ms";

@@ -179,9 +179,9 @@ TEST_F(Rx7040Download, LastFullBlockIsRepeated) {
 }
 
 TEST_F(Rx7040Download, BlockNumbersWrap) {
-    firmware_ = random_image(300 * 1024);
+    firmware_ = random_image(307'200);
     const ToolRun run = download();
-    const Bytes block_256(firmware_.begin() + 255 * 1024, firmware_.begin() + 256 * 1024);
+    const Bytes block_256(firmware_.begin() + 261'120, firmware_.begin() + 262'144);
     EXPECT_TRUE(contains(run.sent, block(0, block_256)));
     EXPECT_EQ(run.result(), upgrade_success);
 }
@@ -447,7 +447,7 @@ TEST_F(Rx7040Download, DisturbedBlockIsSentAgain) {
 
 TEST_F(Rx7040Download, EndsWhereverTheDeviceVanishes) {
     const std::uint64_t whole = download().duration_ms;
-    for (std::uint64_t time = 1; time < whole; time += 13) {
+    for (std::uint64_t time = 1; time < whole; time += 41) {
         Rx7040Module module;
         const ToolRun run = download(module, unplugged_after_ms(time));
         ASSERT_FALSE(run.hit_time_limit) << "unplugged after " << time << " ms";

@@ -378,7 +378,7 @@ TEST_F(Rx7040Upgrade, DebugModeDumpsTheTraffic) {
 
 TEST_F(Rx7040Upgrade, EndsWhereverTheDeviceVanishes) {
     const std::uint64_t whole = upgrade(12'000).duration_ms;
-    for (std::uint64_t time = 1; time < whole; time += 17) {
+    for (std::uint64_t time = 1; time < whole; time += 41) {
         const ToolRun run = upgrade(12'000, unplugged_after_ms(time));
         ASSERT_FALSE(run.hit_time_limit) << "unplugged after " << time << " ms";
         ASSERT_EQ(run.result(), upgrade_failure(-1)) << "unplugged after " << time << " ms";
@@ -393,14 +393,18 @@ class Rx7040UnknownModes : public Rx7040Entry {};
 
 TEST_P(Rx7040UnknownModes, AreExplained) {
     const ToolRun run(module_, {"-m", "MX290B", "-p", "COM6", "-t", GetParam()});
+    const std::string upgrade_example =
+        "[INFO] Upgrade Ex: .\\orbix_flash -m MX290B -p COM6 -f .\\MX290B03AANR01A02SV01.pkg -b "
+        "460800 -t UPG";
+    const std::string download_example =
+        "[INFO] Download Ex: .\\orbix_flash -m MX290B -p COM6 -L .\\DA_V2.1.10.pkg -f "
+        ".\\MX290B03AANR01A02S_BOOT.pkg -t DL";
     const std::vector<std::string> expected{
         "[INFO] rx7040 entry function",
         "[INFO] Invalid upgrade mode:" + GetParam().substr(0, 31),
         "[INFO] You must enter a upgrade mode(-t UPG or -t DL)!",
-        "[INFO] Upgrade Ex: .\\orbix_flash -m MX290B -p COM6 -f .\\MX290B03AANR01A02SV01.pkg -b "
-        "460800 -t UPG",
-        "[INFO] Download Ex: .\\orbix_flash -m MX290B -p COM6 -L .\\DA_V2.1.10.pkg -f "
-        ".\\MX290B03AANR01A02S_BOOT.pkg -t DL",
+        upgrade_example,
+        download_example,
     };
     EXPECT_EQ(run.family_lines(), expected);
     EXPECT_EQ(run.result(), upgrade_failure(258));
