@@ -1,5 +1,8 @@
 #include "app_loader.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "checksums.h"
 
 namespace orbix::sim {
@@ -10,7 +13,6 @@ constexpr std::uint8_t command_info = 0x02;
 constexpr std::uint8_t command_erase = 0x03;
 constexpr std::uint8_t command_firmware = 0x04;
 constexpr std::uint8_t command_reboot = 0x31;
-constexpr std::uint8_t command_boot_version = 0x71;
 
 /// A frame that stops half-way is given up after this silence.
 constexpr Micros frame_timeout = milliseconds(200);
@@ -18,7 +20,17 @@ constexpr Micros frame_timeout = milliseconds(200);
 }  // namespace
 
 AppLoader::AppLoader(Settings settings)
-    : settings_(settings), flash_(settings.flash_base, settings.flash_size) {}
+    : settings_(std::move(settings)), flash_(settings_.flash_base, settings_.flash_size) {
+    if (settings_.version_address == 0) {
+        settings_.version_address = settings_.address;
+    }
+    if (settings_.areas.empty()) {
+        const std::uint32_t flash_end = settings_.flash_base + settings_.flash_size;
+        settings_.areas.push_back({.announced = settings_.load_address,
+                                   .address = settings_.load_address,
+                                   .size = flash_end - settings_.load_address});
+    }
+}
 
 void AppLoader::power_on(Micros now, Wire& /*wire*/) {
     state_ = State::waiting;
@@ -74,28 +86,36 @@ void AppLoader::handle(const UpgradeFrame& frame, Wire& wire) {
     Micros duration = 0;
     SlaveState state = SlaveState::crc_error;
     if (frame.intact) {
-        state =
-            frame.address == settings_.address ? execute(frame, duration) : SlaveState::unsupported;
+        const bool for_us = frame.address == settings_.address || is_version_query(frame);
+        state = for_us ? execute(frame, duration) : SlaveState::unsupported;
     }
     respond(frame, state, duration, wire);
-    if (frame.intact && frame.command == command_reboot && state == SlaveState::success) {
+    if (state != SlaveState::success) {
+        return;
+    }
+    const bool is_last_block = frame.command == command_firmware &&
+                               settings_.start == Start::by_itself && image_is_complete_and_right();
+    if (frame.command == command_reboot || is_last_block) {
         state_ = State::rebooted;
     }
 }
 
+bool AppLoader::is_version_query(const UpgradeFrame& frame) const {
+    return frame.address == settings_.version_address && frame.command == settings_.version_command;
+}
+
 SlaveState AppLoader::execute(const UpgradeFrame& frame, Micros& duration) {
+    if (is_version_query(frame)) {
+        return frame.payload.empty() ? SlaveState::success : SlaveState::package_error;
+    }
     switch (frame.command) {
-        case command_boot_version:
-            return frame.payload.empty() ? SlaveState::success : SlaveState::package_error;
         case command_info:
             return inform(frame);
         case command_erase: {
             if (state_ != State::informed || !frame.payload.empty()) {
                 return SlaveState::package_error;
             }
-            const std::uint32_t area =
-                settings_.flash_base + settings_.flash_size - settings_.load_address;
-            flash_.erase(settings_.load_address, area);
+            flash_.erase(area_.address, area_.size);
             duration = settings_.erase_time;
             state_ = State::erased;
             return SlaveState::success;
@@ -104,8 +124,10 @@ SlaveState AppLoader::execute(const UpgradeFrame& frame, Micros& duration) {
             duration = settings_.program_time;
             return program(frame);
         case command_reboot:
-            if (frame.payload.size() != 2 || frame.payload[0] != settings_.reboot_mode ||
-                frame.payload[1] != 0) {
+            if (settings_.start == Start::by_itself) {
+                return SlaveState::unsupported;
+            }
+            if (!is_reboot(frame)) {
                 return SlaveState::package_error;
             }
             return image_is_complete_and_right() ? SlaveState::success : SlaveState::upgrade_error;
@@ -114,16 +136,26 @@ SlaveState AppLoader::execute(const UpgradeFrame& frame, Micros& duration) {
     }
 }
 
+bool AppLoader::is_reboot(const UpgradeFrame& frame) const {
+    if (settings_.start == Start::plain_reboot) {
+        return frame.payload.empty();
+    }
+    return frame.payload == std::vector<std::uint8_t>{settings_.reboot_mode, 0};
+}
+
 SlaveState AppLoader::inform(const UpgradeFrame& frame) {
-    if (frame.payload.size() != 16 || frame.word(12) != 0) {
+    if (frame.payload.size() != 16 || frame.word(12) != settings_.fourth_word) {
         return SlaveState::package_error;
     }
     size_ = frame.word(0);
     crc_ = frame.word(4);
-    if (frame.word(8) != settings_.load_address ||
-        !flash_.contains(settings_.load_address, size_)) {
+    const auto area =
+        std::find_if(settings_.areas.begin(), settings_.areas.end(),
+                     [&frame](const Area& known) { return known.announced == frame.word(8); });
+    if (area == settings_.areas.end() || size_ > area->size) {
         return SlaveState::size_error;
     }
+    area_ = *area;
     received_ = 0;
     next_block_ = 0;
     last_block_.clear();
@@ -147,7 +179,7 @@ SlaveState AppLoader::program(const UpgradeFrame& frame) {
     if (data.size() > size_ - received_) {
         return SlaveState::size_error;
     }
-    flash_.program(settings_.load_address + received_, data);
+    flash_.program(area_.address + received_, data);
     received_ += static_cast<std::uint32_t>(data.size());
     ++next_block_;
     last_block_ = frame.payload;
@@ -157,19 +189,19 @@ SlaveState AppLoader::program(const UpgradeFrame& frame) {
 
 bool AppLoader::image_is_complete_and_right() const {
     return state_ == State::erased && received_ == size_ &&
-           module_image_crc(flash_.read(settings_.load_address, size_)) == crc_;
+           module_image_crc(flash_.read(area_.address, size_)) == crc_;
 }
 
 void AppLoader::respond(const UpgradeFrame& frame, SlaveState state, Micros delay, Wire& wire) {
     const auto code = static_cast<std::uint16_t>(state);
-    std::vector<std::uint8_t> payload{settings_.address, frame.command,
-                                      static_cast<std::uint8_t>(code >> 8),
+    const std::uint8_t address =
+        is_version_query(frame) ? settings_.version_address : settings_.address;
+    std::vector<std::uint8_t> payload{address, frame.command, static_cast<std::uint8_t>(code >> 8),
                                       static_cast<std::uint8_t>(code)};
-    if (frame.command == command_boot_version) {
+    if (is_version_query(frame)) {
         payload.insert(payload.end(), settings_.version.begin(), settings_.version.end());
     }
-    std::vector<std::uint8_t> response =
-        make_upgrade_frame(settings_.address, frame.command, payload);
+    std::vector<std::uint8_t> response = make_upgrade_frame(address, frame.command, payload);
     if (tamper) {
         tamper(frame, response);
     }

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <functional>
+#include <vector>
 
 #include "model.h"
 #include "upgrade_frames.h"
@@ -23,13 +24,32 @@ enum class SlaveState : std::uint16_t {
 
 class AppLoader : public Model {
   public:
+    /// A part of the flash that an image may be meant for.
+    struct Area {
+        std::uint32_t announced;  ///< the third word of the firmware information
+        std::uint32_t address;
+        std::uint32_t size;
+    };
+
+    /// How the new application is started.
+    enum class Start : std::uint8_t {
+        reboot_with_mode,  ///< by a reboot command with `reboot_mode` and 0
+        plain_reboot,      ///< by a reboot command without a payload
+        by_itself,         ///< as soon as the image is complete
+    };
+
     struct Settings {
         std::uint8_t address = 2;  ///< device address byte of every frame
         std::uint32_t flash_base = 0x08000000;
         std::uint32_t flash_size = 2 * 1024 * 1024;
         std::uint32_t load_address = 0x08009000;
+        std::vector<Area> areas;  ///< empty: from the load address, which is announced, to the end
+        std::uint32_t fourth_word = 0;  ///< of the firmware information
         std::uint32_t largest_block = 4096;
         std::uint8_t reboot_mode = 2;
+        Start start = Start::reboot_with_mode;
+        std::uint8_t version_address = 0;  ///< of the version query alone, 0: `address`
+        std::uint8_t version_command = 0x71;
         std::array<std::uint8_t, 3> version{1, 4, 2};
         Micros start_time = 0;  ///< from power-on until it listens
         Micros erase_time = milliseconds(400);
@@ -44,6 +64,9 @@ class AppLoader : public Model {
     [[nodiscard]] std::optional<Micros> wake_time() const override;
     void wake(Micros now, Wire& wire) override;
     [[nodiscard]] Flash& flash() override { return flash_; }
+
+    /// Whether somebody has called the loader by the first sync word.
+    [[nodiscard]] bool was_caught() const { return state_ != State::waiting; }
 
     /// Whether the loader has handed over to the application.
     [[nodiscard]] bool rebooted() const { return state_ == State::rebooted; }
@@ -60,8 +83,10 @@ class AppLoader : public Model {
 
     void hear_sync(std::uint8_t byte, Wire& wire);
     void handle(const UpgradeFrame& frame, Wire& wire);
+    [[nodiscard]] bool is_version_query(const UpgradeFrame& frame) const;
     SlaveState execute(const UpgradeFrame& frame, Micros& duration);
     SlaveState inform(const UpgradeFrame& frame);
+    [[nodiscard]] bool is_reboot(const UpgradeFrame& frame) const;
     SlaveState program(const UpgradeFrame& frame);
     [[nodiscard]] bool image_is_complete_and_right() const;
     void respond(const UpgradeFrame& frame, SlaveState state, Micros delay, Wire& wire);
@@ -73,6 +98,7 @@ class AppLoader : public Model {
     SyncListener sync_;
     UpgradeFrameReader reader_;
     Micros last_byte_ = 0;
+    Area area_{};
     std::uint32_t size_ = 0;
     std::uint32_t crc_ = 0;
     std::uint32_t received_ = 0;

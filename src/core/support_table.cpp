@@ -1,6 +1,9 @@
 #include "core/support_table.h"
 
+#include "families/gnss_module_evb.h"
+#include "families/monitor.h"
 #include "families/not_built.h"
+#include "families/rx7040.h"
 #include "upgrade/ag3352.h"
 #include "upgrade/zpx710p.h"
 

@@ -38,27 +38,6 @@ int hd8xx0_upgrade(int /*argc*/, char** /*argv*/) {
 }
 }  // namespace hd8xx0
 
-namespace evb {
-int GNSS_MODULE_EVB_Upgrade(int /*argc*/, char** /*argv*/) {
-    return not_built("GNSS_MODULE_EVB_Upgrade");
-}
-}  // namespace evb
-
-namespace monitor {
-int monitor1_entry(int /*argc*/, char** /*argv*/) {
-    return not_built("monitor1_entry");
-}
-int monitor2_entry(int /*argc*/, char** /*argv*/) {
-    return not_built("monitor2_entry");
-}
-}  // namespace monitor
-
-namespace rx7040 {
-int rx7040_entry(int /*argc*/, char** /*argv*/) {
-    return not_built("rx7040_entry");
-}
-}  // namespace rx7040
-
 namespace sta8100 {
 int sta8100_upgrade(int /*argc*/, char** /*argv*/) {
     return not_built("sta8100_upgrade");

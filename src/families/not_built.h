@@ -10,19 +10,6 @@ namespace orbix::hd8xx0 {
 int hd8xx0_upgrade(int argc, char** argv);
 }  // namespace orbix::hd8xx0
 
-namespace orbix::evb {
-int GNSS_MODULE_EVB_Upgrade(int argc, char** argv);
-}  // namespace orbix::evb
-
-namespace orbix::monitor {
-int monitor1_entry(int argc, char** argv);
-int monitor2_entry(int argc, char** argv);
-}  // namespace orbix::monitor
-
-namespace orbix::rx7040 {
-int rx7040_entry(int argc, char** argv);
-}  // namespace orbix::rx7040
-
 namespace orbix::sta8100 {
 int sta8100_upgrade(int argc, char** argv);
 }  // namespace orbix::sta8100

@@ -133,18 +133,23 @@ std::int32_t Kv_Upgrade_EncodeRead(std::uint8_t device, std::span<std::uint8_t> 
     return encode_frame(buffer, device, code(Command::read), {be32(address), be32(length)});
 }
 
-int receive_frame(SerialHandle handle, std::span<std::uint8_t> buffer, unsigned byte_timeout_ms) {
+int receive_frame(SerialHandle handle, std::span<std::uint8_t> buffer, unsigned byte_timeout_ms,
+                  unsigned silence_limit_ms) {
+    std::uint64_t silent_since = monotonic_ms();
     std::size_t position = 0;  // bytes of the frame taken so far
     std::size_t payload_length = 0;
     bool crc_matched = false;
     while (true) {
         std::uint8_t byte = 0;
         if (serial_read(handle, {&byte, 1}, byte_timeout_ms) == 0) {
-            if (serial_gone(handle)) {
+            const bool silent_too_long =
+                silence_limit_ms != 0 && monotonic_ms() - silent_since >= silence_limit_ms;
+            if (silent_too_long || serial_gone(handle)) {
                 return receive_failed;
             }
             continue;
         }
+        silent_since = monotonic_ms();
         if (position == 0 && byte != frame_head) {
             continue;
         }

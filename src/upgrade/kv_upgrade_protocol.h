@@ -88,9 +88,11 @@ std::int32_t Kv_Upgrade_EncodeRead(std::uint8_t device, std::span<std::uint8_t> 
 /// Reads one response frame byte by byte, each read limited to `byte_timeout_ms`, without a limit
 /// on the whole: a silent boot loader (one that erases, say) keeps it waiting, and so does a frame
 /// whose CRC is wrong, which is never completed. It ends with `receive_failed` when the port has
-/// vanished. Bytes past the end of the buffer are counted and not stored.
+/// vanished, and, with a `silence_limit_ms` other than 0, when nothing has arrived for that long.
+/// Bytes past the end of the buffer are counted and not stored.
 /// Returns 0, `received_tail_wrong` or `receive_failed`.
-int receive_frame(SerialHandle handle, std::span<std::uint8_t> buffer, unsigned byte_timeout_ms);
+int receive_frame(SerialHandle handle, std::span<std::uint8_t> buffer, unsigned byte_timeout_ms,
+                  unsigned silence_limit_ms = 0);
 
 /// `receive_frame` with 500 ms a byte. A missing buffer or port is an ERROR line and
 /// `receive_failed`.
