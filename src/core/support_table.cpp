@@ -1,5 +1,6 @@
 #include "core/support_table.h"
 
+#include "families/hd8xx0.h"
 #include "families/not_built.h"
 #include "upgrade/ag3352.h"
 

@@ -32,12 +32,6 @@ int ag3352_readback(int /*argc*/, char** /*argv*/) {
 }
 }  // namespace ag3352
 
-namespace hd8xx0 {
-int hd8xx0_upgrade(int /*argc*/, char** /*argv*/) {
-    return not_built("hd8xx0_upgrade");
-}
-}  // namespace hd8xx0
-
 namespace evb {
 int GNSS_MODULE_EVB_Upgrade(int /*argc*/, char** /*argv*/) {
     return not_built("GNSS_MODULE_EVB_Upgrade");

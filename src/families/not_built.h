@@ -6,10 +6,6 @@ int ag3335_upgrade(int argc, char** argv);
 int ag3335_readback(int argc, char** argv);
 }  // namespace orbix::ag3335
 
-namespace orbix::hd8xx0 {
-int hd8xx0_upgrade(int argc, char** argv);
-}  // namespace orbix::hd8xx0
-
 namespace orbix::evb {
 int GNSS_MODULE_EVB_Upgrade(int argc, char** argv);
 }  // namespace orbix::evb
