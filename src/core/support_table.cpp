@@ -2,6 +2,7 @@
 
 #include "families/hd8xx0.h"
 #include "families/not_built.h"
+#include "teseo/rta500c.h"
 #include "upgrade/ag3352.h"
 
 namespace orbix {

@@ -34,7 +34,3 @@ int sta8089_upgrade(int argc, char** argv);
 namespace orbix::zpx710p {
 int zpx710p_entry(int argc, char** argv);
 }  // namespace orbix::zpx710p
-
-namespace orbix::rta500c {
-int rta500c_upgrade(int argc, char** argv);
-}  // namespace orbix::rta500c
