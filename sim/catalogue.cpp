@@ -5,6 +5,7 @@
 
 #include "app_loader.h"
 #include "core/support_table.h"
+#include "hd8xx0_module.h"
 #include "upgrade_agent.h"
 
 namespace orbix::sim {
@@ -16,12 +17,16 @@ std::unique_ptr<Model> make(std::string_view /*name*/) {
     return std::make_unique<Simulated>();
 }
 
+std::unique_ptr<Model> make_hd8xx0(std::string_view name) {
+    return std::make_unique<Hd8xx0Module>(Hd8xx0Module::Settings{.variant = hd8xx0_variant(name)});
+}
+
 /// One maker per row of the table of models, in its order; null where nothing is simulated yet.
 using Maker = std::unique_ptr<Model> (*)(std::string_view name);
 constexpr std::array<Maker, 12> makers{
     nullptr,             // AG3335
     make<AppLoader>,     // AG3352
-    nullptr,             // HD8xx0
+    make_hd8xx0,         // HD8xx0
     nullptr,             // GNSS module evaluation board
     nullptr,             // monitor, first variant
     nullptr,             // monitor, second variant

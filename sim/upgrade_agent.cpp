@@ -71,6 +71,10 @@ void UpgradeAgent::power_on(Micros now, Wire& /*wire*/) {
     talker_.power_on(listens_at_);
     sync_ = {};
     reader_.reset();
+    forget_upgrade();
+}
+
+void UpgradeAgent::forget_upgrade() {
     area_ = nullptr;
     turn_ = 0;
     received_ = 0;
@@ -123,7 +127,12 @@ void UpgradeAgent::hear_sync(std::uint8_t byte, Wire& wire) {
     if (tamper_sync) {
         tamper_sync(probe, answer);
     }
-    state_ = probe == SyncEvent::first_probe ? State::half_caught : State::upgrading;
+    if (probe == SyncEvent::first_probe) {
+        forget_upgrade();  // a module is caught anew for each of its areas
+        state_ = State::half_caught;
+    } else {
+        state_ = State::upgrading;
+    }
     wire.send(answer);
 }
 

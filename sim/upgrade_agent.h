@@ -75,6 +75,7 @@ class UpgradeAgent : public Model {
   private:
     enum class State : std::uint8_t { running, half_caught, upgrading };
 
+    void forget_upgrade();
     void hear_sync(std::uint8_t byte, Wire& wire);
     AgentStatus execute(const UpgradeFrame& frame, Micros& duration);
     AgentStatus take_information(const UpgradeFrame& frame);

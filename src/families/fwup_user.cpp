@@ -1,4 +1,4 @@
-#include <cstdio>
+#include <string>
 
 #include "core/kv_log.h"
 #include "core/xmodem_block.h"

@@ -3,10 +3,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "core/kv_flash_tool.h"
 #include "core/kv_log.h"
 #include "core/kv_uart.h"
 #include "core/options.h"
@@ -85,8 +85,8 @@ void choose_mode(const char* word, Options& options) {
     }
 }
 
-Options parse_options(int argc, char** argv) {
-    Options options;
+/// Returns false when the line only asks for the version.
+bool parse_options(int argc, char** argv, Options& options) {
     OptionScan scan(argc, argv, "m:p:f:s:b:t:v::D");
     for (int letter = scan.next(); letter != -1; letter = scan.next()) {
         switch (letter) {
@@ -116,7 +116,7 @@ Options parse_options(int argc, char** argv) {
                 break;
             case 'v':
                 log_info("Version: HD8xx0_Flash_Tool_V%s\n", "1.1");
-                std::exit(-1);
+                return false;
             case 'D':
                 serial_enable_debug();
                 log_plain(" debug mode\n");
@@ -125,7 +125,7 @@ Options parse_options(int argc, char** argv) {
                 break;
         }
     }
-    return options;
+    return true;
 }
 
 bool is_readable(const std::string& path) {
@@ -172,7 +172,10 @@ int update(SerialHandle handle, const Options& options) {
 
 int hd8xx0_upgrade(int argc, char** argv) {
     reset_frame_decoder();
-    const Options options = parse_options(argc, argv);
+    Options options;
+    if (!parse_options(argc, argv, options)) {
+        return end_run(-1);
+    }
     if (options.package.empty() || options.device.empty() || options.baud == 0) {
         log_error(
             "Upgrade failed.Please input parameters correctly, such as ./orbix_flash -m MX260B00 "
