@@ -76,6 +76,9 @@ void Hd8xx0Module::power_on(Micros now, Wire& wire) {
     listens_at_ = now;
     agent_.power_on(now, wire);
     talker_.power_on(now);
+    if (settings_.strapped) {
+        talker_.fall_silent();
+    }
     reader_.reset();
     next_baud_.reset();
     writing_ = false;
@@ -201,8 +204,8 @@ std::vector<std::uint8_t> Hd8xx0Module::set_up_flash(const KorvaneFrame& frame) 
     const SetUp query_0{0x07, {0x02}, make_korvane_frame(0x05, 0x00, Payload{0, 0})};
     const SetUp query_1{0x07, {0x02}, make_korvane_frame(0xF4, 0x07, Payload{0, 0x0A, 1, 0x18})};
     const SetUp setting{0x08, {0x00, 0x02, 0x00, 0x80}, ack(frame)};
-    const SetUp command_0{0x13, {0x00, 0x00, 0x00, 0x02, 0x00}, nak(frame)};
-    const SetUp command_1{0x13, {0x00, 0x00, 0x00, 0x02, 0x00}, ack(frame)};
+    const SetUp command_0{0x13, {0x00, 0x00, 0x02, 0x00, 0x00}, nak(frame)};
+    const SetUp command_1{0x13, {0x00, 0x00, 0x02, 0x00, 0x00}, ack(frame)};
     const SetUp command_2{0x20, {0x05}, ack(frame)};
     const SetUp setting_2{0x08, {0xFF, 0xFF, 0x4F, 0x00}, ack(frame)};
     const std::array<std::vector<SetUp>, 3> steps{{

@@ -19,7 +19,7 @@ class Hd8xx0Module : public Model {
     struct Settings {
         int variant = 0;
         /// The boot pin is strapped: the boot loader answers without having been entered by a
-        /// command.
+        /// command, and the firmware keeps silent until it is spoken to.
         bool strapped = true;
         NmeaTalker::Settings talker{
             .period = milliseconds(1000), .answer = UpgradeAnswer::none, .answer_delay = 0};
