@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 
 #include "cli/process.h"
 
@@ -36,8 +37,8 @@ class Hd8xx0Programs : public ::testing::Test {
         return image;
     }
 
-    [[nodiscard]] std::string dump() const {
-        std::ifstream file(path("dump"), std::ios::binary);
+    [[nodiscard]] std::string content_of(const std::string& name) const {
+        std::ifstream file(path(name), std::ios::binary);
         return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     }
 
@@ -48,25 +49,37 @@ TEST_F(Hd8xx0Programs, ImageArrivesByEveryWay) {
     struct Way {
         const char* model;
         const char* mode;
+        std::unique_ptr<SimulatedModule> module;
+        std::unique_ptr<Background> tool;
     };
-    for (const Way& way : {Way{"MX240A00", "boot"}, Way{"MX285A00", "s_boot"},
-                           Way{"MX210A00", "user"}, Way{"MX260B00", "master_user"}}) {
-        const std::string image = make_package("fw.cyfm", 20'000, 1);
-        SimulatedModule module(way.model, {"--dump", path("dump")});
-        const Finished run =
-            run_program("orbix_flash", {"-m", way.model, "-p", module.port(), "-b", "115200", "-f",
-                                        path("fw.cyfm"), "-t", way.mode});
+    const std::string image = make_package("fw.cyfm", 5000, 1);
+    std::vector<Way> ways;
+    ways.push_back({"MX240A00", "boot", nullptr, nullptr});
+    ways.push_back({"MX285A00", "s_boot", nullptr, nullptr});
+    ways.push_back({"MX210A00", "user", nullptr, nullptr});
+    ways.push_back({"MX260B00", "master_user", nullptr, nullptr});
+    // Side by side: most of the time goes by in the boot loader's pauses.
+    for (Way& way : ways) {
+        way.module = std::make_unique<SimulatedModule>(
+            way.model, std::vector<std::string>{"--dump", path(way.mode)});
+        way.tool = std::make_unique<Background>(
+            "orbix_flash",
+            std::vector<std::string>{"-m", way.model, "-p", way.module->port(), "-b", "115200",
+                                     "-f", path("fw.cyfm"), "-t", way.mode});
+    }
+    for (const Way& way : ways) {
+        const Finished run = way.tool->finish();
         EXPECT_NE(run.output.find("[SUCCESS] orbix_flash upgrade success\n"), std::string::npos)
             << way.mode << run.output;
-        module.stop();
-        EXPECT_EQ(dump().substr(0, image.size()), image) << way.mode;
+        way.module->stop();
+        EXPECT_EQ(content_of(way.mode).substr(0, image.size()), image) << way.mode;
     }
 }
 
 TEST_F(Hd8xx0Programs, BothProcessorsAreUpdatedInOneRun) {
     constexpr std::size_t slave_offset = 2UL * 1024 * 1024;
-    const std::string master = make_package("master.cyfm", 5000, 1, true);
-    const std::string slave = make_package("slave.cyfm", 7000, 2);
+    const std::string master = make_package("master.cyfm", 1500, 1, true);
+    const std::string slave = make_package("slave.cyfm", 2500, 2);
     SimulatedModule module("MX270A00", {"--dump", path("dump")});
     const Finished run = run_program(
         "orbix_flash", {"-m", "MX270A00", "-p", module.port(), "-b", "115200", "-f",
@@ -74,8 +87,8 @@ TEST_F(Hd8xx0Programs, BothProcessorsAreUpdatedInOneRun) {
     EXPECT_NE(run.output.find("[SUCCESS] orbix_flash upgrade success\n"), std::string::npos)
         << run.output;
     module.stop();
-    EXPECT_EQ(dump().substr(0, master.size()), master);
-    EXPECT_EQ(dump().substr(slave_offset, slave.size()), slave);
+    EXPECT_EQ(content_of("dump").substr(0, master.size()), master);
+    EXPECT_EQ(content_of("dump").substr(slave_offset, slave.size()), slave);
 }
 
 TEST_F(Hd8xx0Programs, VersionIsStatus255) {
