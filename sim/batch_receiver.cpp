@@ -108,18 +108,17 @@ void BatchReceiver::take_block(Micros now, Wire& wire) {
     const auto data = std::span(block_).subspan(3, block_.size() - 5);
     const bool is_short = block_.front() == start_short;
     const std::uint8_t number = block_[1];
-    if (!is_intact()) {
-        say(BatchEvent::block, {refuse}, wire);
-    } else if (state_ == State::wants_header && is_short && number == 0 && take_header(data)) {
+    const bool intact = is_intact();
+    if (intact && state_ == State::wants_header && is_short && number == 0 && take_header(data)) {
         state_ = State::wants_data;
         next_number_ = 1;
         say(BatchEvent::header, {acknowledge, request}, wire);
-    } else if (state_ == State::wants_data && !is_short && number == next_number_ &&
+    } else if (intact && state_ == State::wants_data && !is_short && number == next_number_ &&
                (file_.size() < announced_ || file_.empty())) {
         file_.insert(file_.end(), data.begin(), data.end());
         ++next_number_;
         say(BatchEvent::block, {acknowledge}, wire);
-    } else if (state_ == State::wants_end && is_short && number == 0 &&
+    } else if (intact && state_ == State::wants_end && is_short && number == 0 &&
                std::all_of(data.begin(), data.end(), [](std::uint8_t byte) { return byte == 0; })) {
         state_ = State::storing;
         next_request_ = now + store_time;

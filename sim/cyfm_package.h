@@ -10,7 +10,7 @@
 namespace orbix::sim {
 
 /// The part in front of the image that is left out when both processors are updated in one run.
-inline constexpr std::size_t leading_part_size = 64 * 1024;
+inline constexpr std::size_t leading_part_size = 65'536;
 
 /// MD5 as RFC 1321 defines it.
 std::array<std::uint8_t, 16> module_md5(std::span<const std::uint8_t> bytes);

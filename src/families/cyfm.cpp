@@ -15,7 +15,7 @@ namespace orbix::hd8xx0 {
 namespace {
 
 /// What the master's package of a dual-processor run holds in front of the image to be sent.
-constexpr std::size_t left_out_in_all_user = 64 * 1024;
+constexpr std::size_t left_out_in_all_user = 65'536;
 
 std::array<std::uint8_t, largest_package> file_data_cyfm;
 std::array<std::uint8_t, largest_content> file_data_unzip;
