@@ -22,6 +22,15 @@ constexpr std::array<std::uint16_t, 256> make_table() {
 
 constexpr auto crc16tab = make_table();
 
+void fill_block(std::span<std::uint8_t> block, std::uint8_t type, std::uint32_t number,
+                std::span<const std::uint8_t> data) {
+    block[0] = type;
+    block[1] = static_cast<std::uint8_t>(number);
+    block[2] = static_cast<std::uint8_t>(~number);
+    std::copy(data.begin(), data.end(), block.begin() + 3);
+    put_be16(block.subspan(3 + data.size()), crc16_ccitt(data));
+}
+
 }  // namespace
 
 std::uint16_t crc16_ccitt(std::span<const std::uint8_t> bytes) {
@@ -34,11 +43,14 @@ std::uint16_t crc16_ccitt(std::span<const std::uint8_t> bytes) {
 
 Block make_block(std::uint32_t number, std::span<const std::uint8_t, data_size> data) {
     Block block{};
-    block[0] = stx;
-    block[1] = static_cast<std::uint8_t>(number);
-    block[2] = static_cast<std::uint8_t>(~number);
-    std::copy(data.begin(), data.end(), block.begin() + 3);
-    put_be16(std::span(block).subspan(3 + data_size), crc16_ccitt(data));
+    fill_block(block, stx, number, data);
+    return block;
+}
+
+ShortBlock make_short_block(std::uint32_t number,
+                            std::span<const std::uint8_t, short_data_size> data) {
+    ShortBlock block{};
+    fill_block(block, soh, number, data);
     return block;
 }
 
