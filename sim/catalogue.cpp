@@ -5,6 +5,7 @@
 
 #include "app_loader.h"
 #include "core/support_table.h"
+#include "upgrade_agent.h"
 
 namespace orbix::sim {
 
@@ -18,18 +19,18 @@ std::unique_ptr<Model> make(std::string_view /*name*/) {
 /// One maker per row of the table of models, in its order; null where nothing is simulated yet.
 using Maker = std::unique_ptr<Model> (*)(std::string_view name);
 constexpr std::array<Maker, 12> makers{
-    nullptr,          // AG3335
-    make<AppLoader>,  // AG3352
-    nullptr,          // HD8xx0
-    nullptr,          // GNSS module evaluation board
-    nullptr,          // monitor, first variant
-    nullptr,          // monitor, second variant
-    nullptr,          // RX7040
-    nullptr,          // STA8100
-    nullptr,          // STA9100
-    nullptr,          // STA8089
-    nullptr,          // ZPX710P
-    nullptr,          // RTA500C
+    nullptr,             // AG3335
+    make<AppLoader>,     // AG3352
+    nullptr,             // HD8xx0
+    nullptr,             // GNSS module evaluation board
+    nullptr,             // monitor, first variant
+    nullptr,             // monitor, second variant
+    nullptr,             // RX7040
+    nullptr,             // STA8100
+    nullptr,             // STA9100
+    nullptr,             // STA8089
+    nullptr,             // ZPX710P
+    make<UpgradeAgent>,  // RTA500C
 };
 
 }  // namespace

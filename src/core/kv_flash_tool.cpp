@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,9 @@ constexpr const char* version = "V1.0.9";
 
 /// How much of a model or port name counts.
 constexpr std::size_t longest_name = 15;
+
+/// The exit status that a family has asked for, instead of a result line.
+std::optional<int> requested_status;
 
 /// What `main` itself takes from the command line.
 struct Options {
@@ -135,6 +139,7 @@ void report(bool readback, int result) {
 int flash_tool_main(int argc, char** argv) {
     kv_log_reset();
     kv_uart_reset();
+    requested_status.reset();
     log_info("%s %s %s\n", version, __DATE__, __TIME__);
     log_info("Enter flash tool \n");
     if (argc <= 1) {
@@ -154,8 +159,16 @@ int flash_tool_main(int argc, char** argv) {
     }
 
     const int result = run_family(options, family_arguments(argc, argv));
+    if (requested_status) {
+        return *requested_status;
+    }
     report(options.readback, result);
     return 0;
+}
+
+int end_run(int status) {
+    requested_status = status;
+    return status;
 }
 
 int change_serail_dtr_rts(const char* /*port*/, unsigned /*baud*/, unsigned dtr, unsigned rts) {

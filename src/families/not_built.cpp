@@ -71,10 +71,4 @@ int zpx710p_entry(int /*argc*/, char** /*argv*/) {
 }
 }  // namespace zpx710p
 
-namespace rta500c {
-int rta500c_upgrade(int /*argc*/, char** /*argv*/) {
-    return not_built("rta500c_upgrade");
-}
-}  // namespace rta500c
-
 }  // namespace orbix

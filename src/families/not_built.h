@@ -30,7 +30,3 @@ int sta8100_upgrade(int argc, char** argv);
 namespace orbix::zpx710p {
 int zpx710p_entry(int argc, char** argv);
 }  // namespace orbix::zpx710p
-
-namespace orbix::rta500c {
-int rta500c_upgrade(int argc, char** argv);
-}  // namespace orbix::rta500c
