@@ -6,6 +6,7 @@
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 #include "teseo/sta9100.h"
+#include "teseo/transfer.h"
 
 namespace orbix::teseo {
 
@@ -50,11 +51,11 @@ bool await_loader_ready(SerialHandle handle, int attempts) {
         serial_write(handle, {&handshake, 1});
         std::uint8_t reply = 0;
         if (serial_read(handle, {&reply, 1}, handshake_ms) == 0) {
-            log_error("ACK time out %d ms\n", static_cast<int>(handshake_ms));
+            log_ack_timeout(handshake_ms);
             continue;
         }
         if (reply != ack) {
-            log_error("ACK not expected [%02x]\n", reply);
+            log_ack_not_expected(reply);
             return false;
         }
         return await_ack(handle, handshake_ms);

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "core/kv_uart.h"
-#include "teseo/dialogue.h"
+#include "teseo/loader_steps.h"
 
 namespace orbix::teseo {
 

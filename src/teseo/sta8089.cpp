@@ -1,15 +1,12 @@
 #include "teseo/sta8089.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
 
 #include "core/kv_flash_tool.h"
 #include "core/kv_log.h"
 #include "core/options.h"
 #include "teseo/boot_loader.h"
-#include "teseo/options.h"
+#include "teseo/entry.h"
 #include "teseo/sta_decode.h"
 
 namespace orbix::sta8089 {
@@ -17,11 +14,10 @@ namespace orbix::sta8089 {
 namespace {
 
 constexpr const char* tool_version = "1.0";
-constexpr int version_status = -1;
 
-constexpr int parameters_missing = 258;
-constexpr int firmware_not_accessible = 259;
-constexpr int port_not_opened = 260;
+constexpr const char* missing_parameters =
+    "Upgrade failed.Please input parameters correctly, such as ./orbix_flash -m TS30D -p "
+    "/dev/ttyUSB0 -f ../TS30D_UPG.bin -b 115200 -t recovery, FAIL\n";
 
 /// What the decoder holds from one read to the next.
 Sentence sentence_under_way;
@@ -75,7 +71,7 @@ constexpr teseo::BootLoaderFamily family{
 /// One megabyte of code, and the NVM area behind it.
 constexpr teseo::OptionWords option_words{.a = 0x00100000, .b = 0x00100000};
 
-void print_version() {
+void log_version() {
     log_info("Version: STA8089_Flash_Tool_V%s\n", tool_version);
 }
 
@@ -87,40 +83,33 @@ int sta8089_upgrade(int argc, char** argv) {
     teseo::LoaderState state;
     OptionScan letters(argc, argv, "m:p:f:b:t:v::D");
     for (int letter = letters.next(); letter != -1; letter = letters.next()) {
-        if (letter == 'm') {
-            log_info("Module: %s\n", letters.value());
-        } else if (letter == 't') {
-            log_info("Mode: %s\n", letters.value());
-            if (!teseo::parse_flash_mode(letters.value(), state.flash_mode)) {
-                return -1;
-            }
-        } else if (letter == 'v') {
-            print_version();
-            std::exit(version_status);
-        } else if (!teseo::take_common_option(letter, letters.value(), options)) {
-            return usage(argv[0]);
+        if (teseo::take_common_option(letter, letters.value(), options)) {
+            continue;
+        }
+        switch (letter) {
+            case 't':
+                log_info("Mode: %s\n", letters.value());
+                if (!teseo::parse_flash_mode(letters.value(), state.flash_mode)) {
+                    return -1;
+                }
+                break;
+            case 'v':
+                log_version();
+                return end_run(-1);
+            default:
+                return usage(argv[0]);
         }
     }
-    print_version();
-    if (!options.complete()) {
-        log_error(
-            "Upgrade failed.Please input parameters correctly, such as ./orbix_flash -m TS30D -p "
-            "/dev/ttyUSB0 -f ../TS30D_UPG.bin -b 115200 -t recovery, FAIL\n");
-        return parameters_missing;
+    log_version();
+    SerialHandle handle = no_port;
+    const int failed = teseo::open_module(options, missing_parameters, handle);
+    if (failed != 0) {
+        return failed;
     }
-    if (!teseo::firmware_readable(options.firmware)) {
-        const int reason = errno;
-        log_error("Fail to access %s, errno: %d (%s)\n", options.firmware.c_str(), reason,
-                  std::strerror(reason));
-        return firmware_not_accessible;
-    }
-    const SerialPort port(options.port.c_str(), static_cast<unsigned>(options.baud));
-    if (!port.is_open()) {
-        log_error("Fail to open %s\n", options.port.c_str());
-        return port_not_opened;
-    }
-    return teseo::upgrade_by_mode(port.handle(), family, state, options.firmware.c_str(),
-                                  option_words);
+    const int result =
+        teseo::upgrade_by_mode(handle, family, state, options.firmware.c_str(), option_words);
+    serial_close(handle);
+    return result;
 }
 
 }  // namespace orbix::sta8089

@@ -3,16 +3,17 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <span>
 
+#include "core/firmware_file.h"
 #include "core/kv_flash_tool.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 #include "core/options.h"
-#include "teseo/dialogue.h"
-#include "teseo/options.h"
+#include "teseo/entry.h"
+#include "teseo/loader_steps.h"
 #include "teseo/ram_loaders.h"
+#include "teseo/transfer.h"
 
 namespace orbix::sta9100 {
 
@@ -71,7 +72,6 @@ const BootRom sta8089_rom{
 };
 
 constexpr const char* tool_version = "1.0";
-constexpr int port_not_opened = 260;
 
 constexpr unsigned rate_change_pause_ms = 500;
 constexpr int sync_attempts = 100;
@@ -140,7 +140,7 @@ std::array<std::uint8_t, 56> binary_info(const BootRom& rom, std::uint32_t crc) 
     return record;
 }
 
-void print_version() {
+void log_version() {
     log_info("Version: STA9100_Flash_Tool_V%s\n", tool_version);
 }
 
@@ -268,33 +268,33 @@ int process_sta9100_upgrade(SerialHandle handle, const char* firmware_path, int 
 }
 
 int sta9100_upgrade(int argc, char** argv) {
-    print_version();
+    log_version();
     teseo::CommonOptions options;
     OptionScan scan(argc, argv, "m:p:f:b:v::D");
     for (int letter = scan.next(); letter != -1; letter = scan.next()) {
-        if (letter == 'm') {
-            log_info("Module: %s\n", scan.value());
-        } else if (letter == 'v') {
-            print_version();
-            std::exit(EXIT_FAILURE);
-        } else if (!teseo::take_common_option(letter, scan.value(), options)) {
-            return usage(argv[0]);
+        if (teseo::take_common_option(letter, scan.value(), options)) {
+            continue;
         }
+        if (letter == 'v') {
+            log_version();
+            return end_run(1);
+        }
+        return usage(argv[0]);
     }
-    if (!options.complete()) {
+    if (options.firmware.empty() || options.port.empty() || options.baud == 0) {
         log_error(
             "Upgrade failed.Please input parameters correctly, such as ./Flash_Tool_TS90 -m TS90B "
             "-f ../TS90_UPG.bin -p /dev/ttyUSB0 -b 115200\n");
         return -1;
     }
-    if (!teseo::firmware_readable(options.firmware)) {
+    if (!FirmwareFile(options.firmware.c_str()).is_open()) {
         log_error("Upgrade failed.Fail to access %s\n", options.firmware.c_str());
         return -1;
     }
     const SerialPort port(options.port.c_str(), static_cast<unsigned>(options.baud));
     if (!port.is_open()) {
         log_error("Fail to open %s\n", options.port.c_str());
-        return port_not_opened;
+        return teseo::port_not_opened;
     }
     log_info("TS90B:download\n");
     return process_sta9100_upgrade(port.handle(), options.firmware.c_str(), 1);

@@ -1,54 +1,25 @@
-#include "teseo/dialogue.h"
+#include "teseo/loader_steps.h"
 
+#include <array>
 #include <vector>
 
 #include "core/firmware_file.h"
-#include "core/image_crc.h"
 #include "core/kv_log.h"
+#include "teseo/transfer.h"
 
 namespace orbix::teseo {
 
 bool await_ack(SerialHandle handle, unsigned timeout_ms, std::size_t most) {
     std::array<std::uint8_t, 1024> reply{};
     if (serial_read(handle, std::span(reply).first(most), timeout_ms) == 0) {
-        log_error("ACK time out %d ms\n", static_cast<int>(timeout_ms));
+        log_ack_timeout(timeout_ms);
         return false;
     }
     if (reply[0] != ack) {
-        log_error("ACK not expected [%02x]\n", reply[0]);
+        log_ack_not_expected(reply[0]);
         return false;
     }
     return true;
-}
-
-bool WordSearch::found_in(std::span<const std::uint8_t> received) {
-    for (const std::uint8_t byte : received) {
-        matched_ = byte == word_[matched_] ? matched_ + 1 : 0;
-        if (matched_ == word_.size()) {
-            matched_ = 0;
-            return true;
-        }
-    }
-    return false;
-}
-
-std::uint32_t get_crc32_with_filesize(const char* path, int& file_len) {
-    if (path == nullptr || path[0] == '\0') {
-        log_error("file path err,filepath=[%s]\n", path == nullptr ? "(null)" : path);
-        return 0;
-    }
-    FirmwareFile file(path);
-    if (!file.is_open()) {
-        log_error("The file does not exist!\n");
-        return 0;
-    }
-    file_len = file.size();
-    return image_crc(static_cast<std::uint32_t>(file_len), file);
-}
-
-void log_transfer(int done, int total) {
-    log_progress(100.0F * static_cast<float>(done) / static_cast<float>(total), LineEnd::lf);
-    log_speed(done, total, static_cast<float>(done) / 1024.0F, flash_tool_secs());
 }
 
 int send_raw_image(SerialHandle handle, const char* path, int file_len,
@@ -69,6 +40,7 @@ int send_raw_image(SerialHandle handle, const char* path, int file_len,
         sent += static_cast<int>(count);
         log_transfer(sent, file_len);
     }
+    // A file that could not be read to its end is caught here: the module waits for the rest.
     log_info(" Checking CRC...\n");
     return await_ack(handle, transfer.crc_ack_ms, transfer.reply) ? 0 : -1;
 }
