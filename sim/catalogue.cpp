@@ -5,6 +5,7 @@
 
 #include "app_loader.h"
 #include "core/support_table.h"
+#include "teseo_chip.h"
 #include "upgrade_agent.h"
 
 namespace orbix::sim {
@@ -14,6 +15,14 @@ namespace {
 template <typename Simulated>
 std::unique_ptr<Model> make(std::string_view /*name*/) {
     return std::make_unique<Simulated>();
+}
+
+std::unique_ptr<Model> make_sta8089(std::string_view /*name*/) {
+    return std::make_unique<TeseoChip>(TeseoChip::sta8089());
+}
+
+std::unique_ptr<Model> make_sta9100(std::string_view /*name*/) {
+    return std::make_unique<TeseoChip>(TeseoChip::sta9100());
 }
 
 /// One maker per row of the table of models, in its order; null where nothing is simulated yet.
@@ -27,8 +36,8 @@ constexpr std::array<Maker, 12> makers{
     nullptr,             // monitor, second variant
     nullptr,             // RX7040
     nullptr,             // STA8100
-    nullptr,             // STA9100
-    nullptr,             // STA8089
+    make_sta9100,        // STA9100
+    make_sta8089,        // STA8089
     nullptr,             // ZPX710P
     make<UpgradeAgent>,  // RTA500C
 };
