@@ -5,6 +5,7 @@
 
 #include "app_loader.h"
 #include "core/support_table.h"
+#include "sta8100_module.h"
 #include "teseo_chip.h"
 #include "upgrade_agent.h"
 
@@ -15,6 +16,10 @@ namespace {
 template <typename Simulated>
 std::unique_ptr<Model> make(std::string_view /*name*/) {
     return std::make_unique<Simulated>();
+}
+
+std::unique_ptr<Model> make_sta8100(std::string_view name) {
+    return std::make_unique<Sta8100Module>(name);
 }
 
 std::unique_ptr<Model> make_sta8089(std::string_view /*name*/) {
@@ -35,7 +40,7 @@ constexpr std::array<Maker, 12> makers{
     nullptr,             // monitor, first variant
     nullptr,             // monitor, second variant
     nullptr,             // RX7040
-    nullptr,             // STA8100
+    make_sta8100,        // STA8100
     make_sta9100,        // STA9100
     make_sta8089,        // STA8089
     nullptr,             // ZPX710P

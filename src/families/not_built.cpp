@@ -59,12 +59,6 @@ int rx7040_entry(int /*argc*/, char** /*argv*/) {
 }
 }  // namespace rx7040
 
-namespace sta8100 {
-int sta8100_upgrade(int /*argc*/, char** /*argv*/) {
-    return not_built("sta8100_upgrade");
-}
-}  // namespace sta8100
-
 namespace zpx710p {
 int zpx710p_entry(int /*argc*/, char** /*argv*/) {
     return not_built("zpx710p_entry");
