@@ -16,8 +16,14 @@ inline constexpr std::uint8_t ack = 0xCC;
 inline constexpr unsigned loader_baud = 115200;
 
 /// Waits `timeout_ms` for a burst of at most `most` bytes (up to 1024) whose first byte is the
-/// acknowledgement. Silence and any other byte are an ERROR line and false.
-bool await_ack(SerialHandle handle, unsigned timeout_ms, std::size_t most = 1);
+/// acknowledgement. Returns how many acknowledgements it begins with; 0 after an ERROR line, for
+/// silence and for any other byte.
+std::size_t await_acks(SerialHandle handle, unsigned timeout_ms, std::size_t most);
+
+/// The same, for a step with one answer.
+inline bool await_ack(SerialHandle handle, unsigned timeout_ms, std::size_t most = 1) {
+    return await_acks(handle, timeout_ms, most) != 0;
+}
 
 /// How an image travels unframed, and how long each answer may take, in ms.
 struct RawTransfer {
