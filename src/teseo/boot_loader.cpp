@@ -164,7 +164,7 @@ int Kv_Sync_Module(SerialHandle handle, const BootLoaderFamily& family, const Lo
     WordSearch answer(sync_answer);
     std::array<std::uint8_t, burst_size> received{};
     do {
-        for (int count = 0; count < family.words_per_pass; ++count) {
+        for (int count = 0; count < family.words_per_pass && !serial_gone(handle); ++count) {
             serial_write(handle, sync_words);
         }
         const unsigned count = serial_read(handle, received, family.sync_read_ms);
