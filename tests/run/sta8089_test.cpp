@@ -560,6 +560,17 @@ TEST(Sta8089Boot, BytesOnTheWire) {
     EXPECT_EQ(as_hex(run.sent), as_hex(expected));
 }
 
+TEST(Sta8089Boot, PlaceholderOfTheLoaderIsHintedAt) {
+    const TempDir folder;
+    TeseoChip module(quiet());
+    ::testing::internal::CaptureStderr();
+    const ToolRun run(module, arguments(folder.write("app.bin", Bytes{1}), {"-t", "boot"}));
+    const std::string errors = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(errors.starts_with("hint: "), sta9100::sta8089_bootloader_is_placeholder) << errors;
+    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), errors.empty() ? 0 : 1);
+    EXPECT_EQ(run.count("hint"), 0U);
+}
+
 TEST(Sta8089Options, UnknownModeEndsAtOnce) {
     SilentModule module;
     const ToolRun run(module, {"-m", "TS30D", "-t", "fast", "-p", "COM6"});
@@ -661,7 +672,7 @@ TEST(Sta8089Options, DebugDumpsTheTraffic) {
 
 TEST(Sta8089Faults, UnpluggedAtAnyByteTheRunFails) {
     const TempDir folder;
-    const std::string path = folder.write("app.bin", random_image(20'000));
+    const std::string path = folder.write("app.bin", random_image(6000));
     for (const std::string mode : {"normal", "boot"}) {
         TeseoChip module(running(UpgradeAnswer::accepted));
         const ToolRun whole(module, arguments(path, {"-t", mode}));
@@ -670,7 +681,7 @@ TEST(Sta8089Faults, UnpluggedAtAnyByteTheRunFails) {
             const std::size_t bytes =
                 direction == sim::Direction::to_module ? whole.sent.size() : whole.received.size();
             // Every byte of the short messages, some of the image.
-            for (std::size_t byte = 0; byte < bytes; byte += byte < 100 ? 1 : 1499) {
+            for (std::size_t byte = 0; byte < bytes; byte += byte < 100 ? 1 : 3001) {
                 TeseoChip victim(running(UpgradeAnswer::accepted));
                 Conditions conditions;
                 conditions.faults = {
