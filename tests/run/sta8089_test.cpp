@@ -314,6 +314,18 @@ TEST_P(Sta8089LoaderFailures, OnlyTheFirstByteOfAnAnswerCounts) {
 
 INSTANTIATE_TEST_SUITE_P(Steps, Sta8089LoaderFailures, ::testing::ValuesIn(loader_failures));
 
+TEST(Sta8089Recovery, BytesBehindAnAcknowledgementAreDropped) {
+    const TempDir folder;
+    TeseoChip module(quiet());
+    module.loader().tamper = [](TeseoStep step, Bytes& answer) {
+        if (step == TeseoStep::sync_confirmed || step == TeseoStep::piece) {
+            answer.push_back(0x55);
+        }
+    };
+    const ToolRun run(module, arguments(folder.write("app.bin", random_image(20'000))));
+    EXPECT_EQ(run.result(), upgrade_success);
+}
+
 TEST(Sta8089Recovery, WrongImageIsRefusedByItsCrc) {
     const TempDir folder;
     TeseoChip module(quiet());
@@ -559,6 +571,46 @@ TEST(Sta8089Boot, BytesOnTheWire) {
     expected.insert(expected.end(), image.begin(), image.end());
     EXPECT_EQ(as_hex(run.sent), as_hex(expected));
 }
+
+/// The steps that STA9100 does not have.
+struct RomFailure {
+    TeseoStep step;
+    const char* last_line;
+    const char* limit;
+    const char* summary;
+};
+
+class Sta8089BootFailures : public ::testing::TestWithParam<RomFailure> {};
+
+TEST_P(Sta8089BootFailures, SilenceAndRefusal) {
+    const RomFailure& failure = GetParam();
+    const TempDir folder;
+    const std::string path = folder.write("app.bin", random_image(10));
+    for (const bool refused : {false, true}) {
+        TeseoChip module(quiet());
+        module.rom().tamper = [&](TeseoStep step, Bytes& answer) {
+            if (step >= failure.step) {
+                answer = refused && step == failure.step ? Bytes{0xE7} : Bytes{};
+            }
+        };
+        const ToolRun run(module, arguments(path, {"-t", "boot"}));
+        const Lines lines = run.family_lines();
+        ASSERT_GE(lines.size(), 3U);
+        EXPECT_EQ(lines[lines.size() - 3], failure.last_line);
+        EXPECT_EQ(lines[lines.size() - 2],
+                  refused ? "[ERROR] ACK not expected [e7]"
+                          : "[ERROR] ACK time out " + std::string(failure.limit) + " ms");
+        EXPECT_EQ(lines.back(), failure.summary);
+        EXPECT_EQ(run.result(), upgrade_failure(-1));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Steps, Sta8089BootFailures,
+    ::testing::Values(RomFailure{TeseoStep::rate_confirmed, "[INFO] Change baudrate...", "3500",
+                                 "[ERROR] Change Baud Rate failed.Upgrade failed."},
+                      RomFailure{TeseoStep::nvm_erased, "[INFO] Erasing NVM area...", "60000",
+                                 "[ERROR] Send Firmware failed.Upgrade failed."}));
 
 TEST(Sta8089Boot, PlaceholderOfTheLoaderIsHintedAt) {
     const TempDir folder;

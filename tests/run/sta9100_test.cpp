@@ -271,6 +271,19 @@ TEST_P(Sta9100Failures, Silence) {
 
 INSTANTIATE_TEST_SUITE_P(Steps, Sta9100Failures, ::testing::ValuesIn(failures));
 
+TEST(Sta9100, EveryByteOfAnAnswerCounts) {
+    const TempDir folder;
+    TeseoChip module(quiet());
+    module.rom().tamper = [](TeseoStep step, Bytes& answer) {
+        if (step == TeseoStep::host_ready) {
+            answer.push_back(0x55);
+        }
+    };
+    const ToolRun run(module, arguments(folder.write("app.bin", short_image)));
+    EXPECT_EQ(run.count("[INFO] Sending preamble...\n"), 1U);
+    EXPECT_EQ(run.count("[ERROR] ACK not expected [55]\n"), 1U);
+}
+
 TEST(Sta9100, WrongImageIsRefusedByItsCrc) {
     const TempDir folder;
     TeseoChip module(quiet());
