@@ -314,6 +314,18 @@ TEST_P(Sta8089LoaderFailures, OnlyTheFirstByteOfAnAnswerCounts) {
 
 INSTANTIATE_TEST_SUITE_P(Steps, Sta8089LoaderFailures, ::testing::ValuesIn(loader_failures));
 
+TEST(Sta8089Recovery, BytesBehindAnAcknowledgementAreDropped) {
+    const TempDir folder;
+    TeseoChip module(quiet());
+    module.loader().tamper = [](TeseoStep step, Bytes& answer) {
+        if (step == TeseoStep::sync_confirmed || step == TeseoStep::piece) {
+            answer.push_back(0x55);
+        }
+    };
+    const ToolRun run(module, arguments(folder.write("app.bin", random_image(20'000))));
+    EXPECT_EQ(run.result(), upgrade_success);
+}
+
 TEST(Sta8089Recovery, WrongImageIsRefusedByItsCrc) {
     const TempDir folder;
     TeseoChip module(quiet());
@@ -560,6 +572,57 @@ TEST(Sta8089Boot, BytesOnTheWire) {
     EXPECT_EQ(as_hex(run.sent), as_hex(expected));
 }
 
+/// The steps that STA9100 does not have.
+struct RomFailure {
+    TeseoStep step;
+    const char* last_line;
+    const char* limit;
+    const char* summary;
+};
+
+class Sta8089BootFailures : public ::testing::TestWithParam<RomFailure> {};
+
+TEST_P(Sta8089BootFailures, SilenceAndRefusal) {
+    const RomFailure& failure = GetParam();
+    const TempDir folder;
+    const std::string path = folder.write("app.bin", random_image(10));
+    for (const bool refused : {false, true}) {
+        TeseoChip module(quiet());
+        module.rom().tamper = [&](TeseoStep step, Bytes& answer) {
+            if (step >= failure.step) {
+                answer = refused && step == failure.step ? Bytes{0xE7} : Bytes{};
+            }
+        };
+        const ToolRun run(module, arguments(path, {"-t", "boot"}));
+        const Lines lines = run.family_lines();
+        ASSERT_GE(lines.size(), 3U);
+        EXPECT_EQ(lines[lines.size() - 3], failure.last_line);
+        EXPECT_EQ(lines[lines.size() - 2],
+                  refused ? "[ERROR] ACK not expected [e7]"
+                          : "[ERROR] ACK time out " + std::string(failure.limit) + " ms");
+        EXPECT_EQ(lines.back(), failure.summary);
+        EXPECT_EQ(run.result(), upgrade_failure(-1));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Steps, Sta8089BootFailures,
+    ::testing::Values(RomFailure{TeseoStep::rate_confirmed, "[INFO] Change baudrate...", "3500",
+                                 "[ERROR] Change Baud Rate failed.Upgrade failed."},
+                      RomFailure{TeseoStep::nvm_erased, "[INFO] Erasing NVM area...", "60000",
+                                 "[ERROR] Send Firmware failed.Upgrade failed."}));
+
+TEST(Sta8089Boot, PlaceholderOfTheLoaderIsHintedAt) {
+    const TempDir folder;
+    TeseoChip module(quiet());
+    ::testing::internal::CaptureStderr();
+    const ToolRun run(module, arguments(folder.write("app.bin", Bytes{1}), {"-t", "boot"}));
+    const std::string errors = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(errors.starts_with("hint: "), sta9100::sta8089_bootloader_is_placeholder) << errors;
+    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), errors.empty() ? 0 : 1);
+    EXPECT_EQ(run.count("hint"), 0U);
+}
+
 TEST(Sta8089Options, UnknownModeEndsAtOnce) {
     SilentModule module;
     const ToolRun run(module, {"-m", "TS30D", "-t", "fast", "-p", "COM6"});
@@ -661,7 +724,7 @@ TEST(Sta8089Options, DebugDumpsTheTraffic) {
 
 TEST(Sta8089Faults, UnpluggedAtAnyByteTheRunFails) {
     const TempDir folder;
-    const std::string path = folder.write("app.bin", random_image(20'000));
+    const std::string path = folder.write("app.bin", random_image(6000));
     for (const std::string mode : {"normal", "boot"}) {
         TeseoChip module(running(UpgradeAnswer::accepted));
         const ToolRun whole(module, arguments(path, {"-t", mode}));
@@ -670,7 +733,7 @@ TEST(Sta8089Faults, UnpluggedAtAnyByteTheRunFails) {
             const std::size_t bytes =
                 direction == sim::Direction::to_module ? whole.sent.size() : whole.received.size();
             // Every byte of the short messages, some of the image.
-            for (std::size_t byte = 0; byte < bytes; byte += byte < 100 ? 1 : 1499) {
+            for (std::size_t byte = 0; byte < bytes; byte += byte < 100 ? 1 : 3001) {
                 TeseoChip victim(running(UpgradeAnswer::accepted));
                 Conditions conditions;
                 conditions.faults = {
