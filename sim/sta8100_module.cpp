@@ -20,7 +20,7 @@ Sta8100Module::Settings Sta8100Module::of_model(std::string_view name) {
     return settings;
 }
 
-Sta8100Module::Sta8100Module(Settings settings)
+Sta8100Module::Sta8100Module(const Settings& settings)
     : chip_(settings.chip), agent_(settings.agent), app_(settings.app), written_(&chip_) {
     even_parity = settings.app_waits;
 }

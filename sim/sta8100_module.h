@@ -25,7 +25,7 @@ class Sta8100Module : public Model {
     /// The settings of a model by its name.
     static Settings of_model(std::string_view name);
 
-    explicit Sta8100Module(Settings settings);
+    explicit Sta8100Module(const Settings& settings);
     explicit Sta8100Module(std::string_view name) : Sta8100Module(of_model(name)) {}
 
     void power_on(Micros now, Wire& wire) override;
