@@ -751,7 +751,7 @@ TEST(Sta8089Faults, UnpluggedAtAnyByteTheRunFails) {
 TEST(Sta8089Faults, PowerCycledModuleFailsTheRun) {
     const TempDir folder;
     const std::string path = folder.write("app.bin", random_image(40'000));
-    for (const std::uint64_t byte : {5, 20, 29, 1000, 39'000}) {
+    for (const std::uint64_t byte : {5U, 20U, 29U, 1000U, 39'000U}) {
         TeseoChip module(quiet());
         Conditions conditions;
         conditions.faults = {{.kind = sim::FaultKind::power_cycle, .byte = byte}};
