@@ -33,8 +33,11 @@ constexpr std::size_t info_size = 56;
 constexpr std::size_t rom_piece = 5120;
 
 std::uint32_t word_at(std::span<const std::uint8_t> bytes, std::size_t at) {
-    return bytes[at] + (bytes[at + 1] << 8) + (bytes[at + 2] << 16) +
-           (std::uint32_t{bytes[at + 3]} << 24);
+    std::uint32_t word = 0;
+    for (std::size_t index = 4; index > 0; --index) {
+        word = word << 8 | bytes[at + index - 1];
+    }
+    return word;
 }
 
 bool all_zero(std::span<const std::uint8_t> bytes) {
@@ -70,16 +73,15 @@ void TeseoPart::reset() {
     completed_ = false;
     dead_ = false;
     busy_until_ = 0;
-    last_four_ = 0;
+    last_four_ = {};
     message_.clear();
     image_ = {};
 }
 
 bool TeseoPart::hears_word(std::uint8_t byte, const Word& word) {
-    last_four_ = last_four_ << 8 | byte;
-    const std::uint32_t wanted =
-        std::uint32_t{word[0]} << 24 | word[1] << 16 | word[2] << 8 | word[3];
-    return last_four_ == wanted;
+    std::shift_left(last_four_.begin(), last_four_.end(), 1);
+    last_four_.back() = byte;
+    return last_four_ == word;
 }
 
 void TeseoPart::say(TeseoStep step, std::vector<std::uint8_t> answer, Wire& wire, Micros delay) {

@@ -102,7 +102,7 @@ class TeseoPart {
     bool completed_ = false;
     bool dead_ = false;  ///< it has refused something and waits for a power cycle
     Micros busy_until_ = 0;
-    std::uint32_t last_four_ = 0;
+    std::array<std::uint8_t, 4> last_four_{};
     std::vector<std::uint8_t> message_;
     TeseoImage image_;
 };

@@ -170,6 +170,13 @@ TEST(Sta8089Recovery, StaysAt115200WhateverThePortWasOpenedWith) {
     EXPECT_EQ(run.rates, (std::vector<unsigned>{9600, 115200}));
 }
 
+TEST(Sta8089Recovery, NoPauseBehindTheOptions) {
+    const TempDir folder;
+    TeseoChip module(quiet());
+    const ToolRun run(module, arguments(folder.write("app.bin", random_image(10))));
+    EXPECT_LE(time_of(run, "Erase Code...") - time_of(run, "Write options."), 10);
+}
+
 TEST(Sta8089Recovery, ProgressIsCountedPerPieceAndSpeedOverTheWholeDialogue) {
     const TempDir folder;
     TeseoChip module(quiet());
@@ -200,6 +207,8 @@ TEST(Sta8089Recovery, SilentModuleIsGivenUpAfterFiveSeconds) {
     EXPECT_EQ(run.result(), upgrade_failure(-1));
     EXPECT_GE(run.duration_ms, 5500U);
     EXPECT_LE(run.duration_ms, 5510U);
+    EXPECT_NEAR(static_cast<double>(module.heard.size()), 5000 / 1.694 * 8, 50)
+        << "a word of 0.7 ms, then 1 ms for the answer";
     EXPECT_EQ(run.closes, 1);
 }
 
@@ -751,7 +760,7 @@ TEST(Sta8089Faults, UnpluggedAtAnyByteTheRunFails) {
 TEST(Sta8089Faults, PowerCycledModuleFailsTheRun) {
     const TempDir folder;
     const std::string path = folder.write("app.bin", random_image(40'000));
-    for (const std::uint64_t byte : {5, 20, 29, 1000, 39'000}) {
+    for (const std::uint64_t byte : {5U, 20U, 29U, 1000U, 39'000U}) {
         TeseoChip module(quiet());
         Conditions conditions;
         conditions.faults = {{.kind = sim::FaultKind::power_cycle, .byte = byte}};

@@ -283,24 +283,45 @@ TEST(TeseoBootLoader, RequestWaitsSixPasses) {
     EXPECT_EQ(run.elapsed() / 1000, 6 * 600 + 1U);
 }
 
-/// Says something as soon as it has power.
+/// Says something as soon as it has power, and nothing else.
 class Greeter : public SilentModule {
   public:
-    void power_on(sim::Micros /*now*/, sim::Wire& wire) override {
-        wire.send("$PSTMFWUPGRADEOK*5F\r\n");
-    }
+    explicit Greeter(Bytes greeting) : greeting_(std::move(greeting)) {}
+    void power_on(sim::Micros /*now*/, sim::Wire& wire) override { wire.send(greeting_); }
+
+  private:
+    Bytes greeting_;
 };
 
 TEST(TeseoBootLoader, WhatCameBeforeTheRequestCountsUnlessItIsFlushed) {
     teseo::BootLoaderFamily family = fast;
     for (const bool flush : {false, true}) {
-        Greeter module;
+        const std::string answer = "$PSTMFWUPGRADEOK*5F\r\n";
+        Greeter module({answer.begin(), answer.end()});
         Dialogue run(module);
         family.flush_before_request = flush;
         teseo::LoaderState state{.flash_mode = teseo::mode_normal};
         EXPECT_EQ(teseo::Kv_Start_Upgrade(run.handle, family, state), 0);
         EXPECT_EQ(state.flash_mode, flush ? teseo::mode_recovery : teseo::mode_normal);
     }
+}
+
+TEST(TeseoBootLoader, AnswersFromBeforeTheSyncAreDropped) {
+    Greeter loader(hex("73 40 98 83 CC"));
+    Dialogue sync(loader);
+    EXPECT_EQ(teseo::Kv_Sync_Module(sync.handle, fast, {}), -1);
+    EXPECT_EQ(sync.count("[ERROR] SYNC time out 5000 ms\n"), 1U);
+}
+
+TEST(TeseoBootLoader, AnswersFromBeforeTheRunAreDropped) {
+    const TempDir folder;
+    Greeter rom(hex("3A 54 2C A6 CC"));
+    Dialogue run(rom);
+    teseo::LoaderState state{.flash_mode = teseo::mode_boot};
+    EXPECT_EQ(teseo::upgrade_by_mode(run.handle, fast, state,
+                                     folder.write("app.bin", Bytes{1}).c_str(), words),
+              -1);
+    EXPECT_EQ(run.count("[ERROR] Sync module failed.Upgrade failed.\n"), 1U);
 }
 
 TEST(TeseoBootLoader, ModeBootGoesThroughTheRom) {
