@@ -325,6 +325,18 @@ TEST(NmeaUpgrade, ReplyInTwoBurstsFails) {
     EXPECT_EQ(dialogue_lines(run), lines_of_failure(0, ""));
 }
 
+TEST(NmeaUpgrade, LineAt9600IsTooSlowForAnAnswerInOneBurst) {
+    const TempDir folder;
+    UpgradeAgent module;
+    module.start_baud = 9600;
+    auto words = arguments(folder.write("fw.bin", random_image(3)));
+    words[5] = "9600";
+    EXPECT_EQ(ToolRun(module, words).result(), upgrade_failure(-1));
+    words[5] = "19200";
+    module.start_baud = 19200;
+    EXPECT_EQ(ToolRun(module, words).result(), upgrade_success);
+}
+
 TEST(NmeaUpgrade, FrameThatIsSpoiltOnTheWayIsRefused) {
     const TempDir folder;
     UpgradeAgent module;
