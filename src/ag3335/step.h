@@ -50,6 +50,9 @@ struct Step {
     /// families whose driver alone says what failed.
     const char* function = nullptr;
 
+    /// How long an answer may take, in ms.
+    unsigned timeout = answer_timeout;
+
     /// Prints an ERROR line from a text with "%s" for the function and, behind it, at most one
     /// conversion for an unsigned number; silent steps print nothing. Returns -1.
     int failed(const char* text, unsigned number = 0) const;

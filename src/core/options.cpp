@@ -1,8 +1,10 @@
 #include "core/options.h"
 
 #include <getopt.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -30,9 +32,27 @@ const char* OptionScan::value() const {
     return optarg != nullptr ? optarg : "";
 }
 
+std::vector<const char*> OptionScan::values() {
+    std::vector<const char*> words{value()};
+    const int argc = static_cast<int>(arguments_.size()) - 1;
+    for (; optind < argc; ++optind) {
+        const char* word = arguments_[static_cast<std::size_t>(optind)];
+        if (word[0] == '-') {
+            break;
+        }
+        words.push_back(word);
+    }
+    return words;
+}
+
 int to_int(const char* text) {
     const long value = std::strtol(text, nullptr, 10);
     return static_cast<int>(std::clamp<long>(value, INT_MIN, INT_MAX));
+}
+
+std::uint32_t to_hex(const char* text) {
+    const long long value = std::strtoll(text, nullptr, 16);
+    return static_cast<std::uint32_t>(std::clamp<long long>(value, INT_MIN, UINT32_MAX));
 }
 
 std::string clipped(const char* text, std::size_t length) {
@@ -54,6 +74,15 @@ std::string device_of_port(const char* name) {
             log_error("unknow dev %s\n", name);
             return {};
     }
+}
+
+bool check_readable(const char* path) {
+    if (access(path, R_OK) == 0) {
+        return true;
+    }
+    const int reason = errno;
+    log_error("fail to access %s, errno: %d (%s)\n", path, reason, std::strerror(reason));
+    return false;
 }
 
 std::string mode_word(int argc, char** argv) {
