@@ -36,9 +36,10 @@ bool Step::send(Item item, const char* write_failure, unsigned number) const {
     return true;
 }
 
-bool Step::expect(Item answer, const char* read_failure, unsigned number) const {
+bool Step::expect(Item answer, const char* read_failure, unsigned number,
+                  unsigned timeout_ms) const {
     std::vector<std::uint8_t> received(answer.bytes().size());
-    const unsigned count = serial_read_until(handle, received, answer_timeout);
+    const unsigned count = serial_read_until(handle, received, timeout_ms);
     sleep_ms(item_pause);
     if (count < received.size() || !std::ranges::equal(received, answer.bytes())) {
         failed(read_failure, number);

@@ -59,7 +59,8 @@ struct Step {
 
     /// Takes as many bytes as the answer has and pauses. False, after the ERROR line, when others
     /// came or too few.
-    [[nodiscard]] bool expect(Item answer, const char* read_failure, unsigned number = 0) const;
+    [[nodiscard]] bool expect(Item answer, const char* read_failure, unsigned number = 0,
+                              unsigned timeout_ms = answer_timeout) const;
 
     /// `send`, then `expect`.
     [[nodiscard]] bool exchange(Item item, Item answer, const char* write_failure,
