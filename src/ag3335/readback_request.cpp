@@ -1,5 +1,6 @@
 #include "ag3335/readback_request.h"
 
+#include "ag3335/access.h"
 #include "core/kv_log.h"
 #include "core/kv_uart.h"
 #include "core/options.h"
@@ -137,7 +138,7 @@ bool check(const Request& request) {
             paths, sizes, addresses);
         return false;
     }
-    return check_readable(request.agent.c_str());
+    return check_access(request.agent.c_str());
 }
 
 }  // namespace orbix::readback

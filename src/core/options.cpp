@@ -1,10 +1,8 @@
 #include "core/options.h"
 
 #include <getopt.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -74,15 +72,6 @@ std::string device_of_port(const char* name) {
             log_error("unknow dev %s\n", name);
             return {};
     }
-}
-
-bool check_readable(const char* path) {
-    if (access(path, R_OK) == 0) {
-        return true;
-    }
-    const int reason = errno;
-    log_error("fail to access %s, errno: %d (%s)\n", path, reason, std::strerror(reason));
-    return false;
 }
 
 std::string mode_word(int argc, char** argv) {

@@ -44,9 +44,6 @@ std::string clipped(const char* text, std::size_t length);
 /// is taken as it is ("COM6"). Any other is refused with an ERROR line, and the result is empty.
 std::string device_of_port(const char* name);
 
-/// Whether a file or folder may be read; an ERROR line with the reason when not.
-bool check_readable(const char* path);
-
 /// The word after the last "-t" (at most 31 characters), or an empty text. It is looked for in the
 /// vector itself, before the options are parsed, because it decides who parses them.
 std::string mode_word(int argc, char** argv);

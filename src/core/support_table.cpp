@@ -1,5 +1,6 @@
 #include "core/support_table.h"
 
+#include "ag3335/ag3335.h"
 #include "families/not_built.h"
 #include "upgrade/ag3352.h"
 

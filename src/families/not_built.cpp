@@ -14,9 +14,6 @@ int not_built(const char* entry) {
 }  // namespace
 
 namespace ag3335 {
-int ag3335_upgrade(int /*argc*/, char** /*argv*/) {
-    return not_built("ag3335_upgrade");
-}
 int ag3335_readback(int /*argc*/, char** /*argv*/) {
     return not_built("ag3335_readback");
 }

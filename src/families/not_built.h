@@ -2,7 +2,6 @@
 #pragma once
 
 namespace orbix::ag3335 {
-int ag3335_upgrade(int argc, char** argv);
 int ag3335_readback(int argc, char** argv);
 }  // namespace orbix::ag3335
 

@@ -2,6 +2,7 @@
 #include <cstring>
 #include <string>
 
+#include "ag3335/access.h"
 #include "ag3335/package.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
@@ -73,8 +74,7 @@ bool check_options(const Options& options) {
             "\"bootloader.bin,partition_table.bin,TR52GXXNR01A01S.bin,gnss_config.bin\"\n");
         return false;
     }
-    return check_readable(options.package.directory.c_str()) &&
-           check_readable(options.agent.c_str());
+    return check_access(options.package.directory.c_str()) && check_access(options.agent.c_str());
 }
 
 /// The dialogue behind the running agent.
