@@ -13,12 +13,6 @@ int not_built(const char* entry) {
 
 }  // namespace
 
-namespace ag3335 {
-int ag3335_readback(int /*argc*/, char** /*argv*/) {
-    return not_built("ag3335_readback");
-}
-}  // namespace ag3335
-
 namespace hd8xx0 {
 int hd8xx0_upgrade(int /*argc*/, char** /*argv*/) {
     return not_built("hd8xx0_upgrade");
