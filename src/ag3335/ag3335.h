@@ -55,6 +55,15 @@ int ag3335_jump_to_Da(SerialHandle handle);
 int ag3335_sync_with_Da(SerialHandle handle, unsigned baud);
 int ag3335_sync_with_New_Da(SerialHandle handle, unsigned baud);
 
+/// What upgrade and readback have in common, each step with an ERROR line that names `driver`.
+/// Both return whether all succeeded.
+
+/// Restarts running firmware into its loader.
+bool restart_into_loader(const char* driver, const std::string& port, unsigned baud);
+
+/// From the handshake to the jump into the agent.
+bool start_agent(SerialHandle handle, const char* driver, const char* da_path, unsigned baud);
+
 /// Erases `length` bytes from the start of the flash.
 int format_module_flash(SerialHandle handle, std::uint32_t length);
 int format_module_flash_New_Da(SerialHandle handle, std::uint32_t length);
@@ -62,5 +71,12 @@ int format_module_flash_New_Da(SerialHandle handle, std::uint32_t length);
 /// Writes the selected images of a package.
 int send_fw_file(SerialHandle handle, package::Package& package);
 int send_fw_file_New_Da(SerialHandle handle, package::Package& package);
+
+/// Read a region, both its ends multiples of 4096, into a new file; with the old or the new agent.
+/// Return 0 or -1; the file keeps what was read.
+int readback_flash_data(SerialHandle handle, std::uint32_t address, std::uint32_t size,
+                        const char* path);
+int readback_flash_data_New_Da(SerialHandle handle, std::uint32_t address, std::uint32_t size,
+                               const char* path);
 
 }  // namespace orbix::ag3335

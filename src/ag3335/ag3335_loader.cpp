@@ -86,6 +86,35 @@ int ag3335_jump_to_Da(SerialHandle handle) {
     return rom_loader::jump({handle, __func__}, agent_address(), greeting);
 }
 
+bool restart_into_loader(const char* driver, const std::string& port, unsigned baud) {
+    if (soft_reset(port, baud) < 0) {
+        log_error("%s soft_reset error\n", driver);
+        return false;
+    }
+    log_info("soft reset success\n");
+    return true;
+}
+
+bool start_agent(SerialHandle handle, const char* driver, const char* da_path, unsigned baud) {
+    if (ag3335_handshake(handle) < 0) {
+        log_error("%s handshake error\n", driver);
+        return false;
+    }
+    if (ag3335_disable_module_WDT(handle) < 0) {
+        log_error("%s disable_module_WDT error\n", driver);
+        return false;
+    }
+    if (ag3335_send_Da_file(handle, da_path, baud) < 0) {
+        log_error("%s send_Da_file error\n", driver);
+        return false;
+    }
+    if (ag3335_jump_to_Da(handle) < 0) {
+        log_error("%s jump_to_Da error\n", driver);
+        return false;
+    }
+    return true;
+}
+
 int ag3335_sync_with_New_Da(SerialHandle handle, unsigned baud) {
     const loader::Step step{handle, __func__};
     log_info("Sync New Da...\n");

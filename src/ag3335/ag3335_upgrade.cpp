@@ -168,21 +168,8 @@ bool flash_by_old_agent(SerialHandle handle, Request& request, const char* drive
 
 /// The dialogue on the open port. Returns whether all steps succeeded.
 bool run_steps(SerialHandle handle, Request& request, const char* driver) {
-    if (ag3335_handshake(handle) < 0) {
-        log_error("%s handshake error\n", driver);
-        return false;
-    }
-    if (ag3335_disable_module_WDT(handle) < 0) {
-        log_error("%s disable_module_WDT error\n", driver);
-        return false;
-    }
-    if (ag3335_send_Da_file(handle, request.da_path.c_str(),
-                            static_cast<unsigned>(request.download_baud)) < 0) {
-        log_error("%s send_Da_file error\n", driver);
-        return false;
-    }
-    if (ag3335_jump_to_Da(handle) < 0) {
-        log_error("%s jump_to_Da error\n", driver);
+    if (!start_agent(handle, driver, request.da_path.c_str(),
+                     static_cast<unsigned>(request.download_baud))) {
         return false;
     }
     return ag3335_Get_Da_Type() != 0 ? flash_by_new_agent(handle, request, driver)
@@ -190,12 +177,10 @@ bool run_steps(SerialHandle handle, Request& request, const char* driver) {
 }
 
 bool upgrade(Request& request, const char* driver) {
-    if (request.soft_reset) {
-        if (soft_reset(request.device, static_cast<unsigned>(request.communication_baud)) < 0) {
-            log_error("%s soft_reset error\n", driver);
-            return false;
-        }
-        log_info("soft reset success\n");
+    if (request.soft_reset &&
+        !restart_into_loader(driver, request.device,
+                             static_cast<unsigned>(request.communication_baud))) {
+        return false;
     }
     SerialPort port(request.device.c_str(), loader_baud);
     if (!port.is_open()) {

@@ -69,4 +69,22 @@ int erase_flash(const Step& step, std::uint32_t length);
 /// end it without a line.
 int write_package(SerialHandle handle, package::Package& package, unsigned reply_ms);
 
+/// A part of the flash that is read back.
+struct Region {
+    std::uint32_t address;
+    std::uint32_t size;  ///< bytes
+};
+
+/// How far a family's agent may be asked to read.
+struct ReadBounds {
+    std::uint32_t largest_size;
+    std::uint32_t highest_address;  ///< at which a region may start
+};
+
+/// Reads a region into a new file, block by block, with PROGRESS and SPEED. A bad reply is asked
+/// for again; the fifth one ends it, and the file keeps the blocks that were read.
+/// Returns 0 or -1.
+int read_region(SerialHandle handle, const Region& region, const char* path,
+                const ReadBounds& bounds);
+
 }  // namespace orbix::agent

@@ -283,8 +283,9 @@ bool write_image(const Step& step, const std::string& path, const package::Layou
         return false;
     }
 
-    if (!step.send(be32(total_sum), "%s serial_write total_fw_checksum fail\n") ||
-        !step.expect({0x5A}, "%s serial_read 0x5A fail\n", 0, image_sum_timeout)) {
+    const Step sum_step{step.handle, step.function, image_sum_timeout};
+    if (!sum_step.exchange(be32(total_sum), {0x5A}, "%s serial_write total_fw_checksum fail\n",
+                           "%s serial_read 0x5A fail\n")) {
         return false;
     }
     const bool is_boot_loader = entry.file.find("bootloader.bin") != std::string::npos;

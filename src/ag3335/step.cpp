@@ -36,10 +36,9 @@ bool Step::send(Item item, const char* write_failure, unsigned number) const {
     return true;
 }
 
-bool Step::expect(Item answer, const char* read_failure, unsigned number,
-                  unsigned timeout_ms) const {
+bool Step::expect(Item answer, const char* read_failure, unsigned number) const {
     std::vector<std::uint8_t> received(answer.bytes().size());
-    const unsigned count = serial_read_until(handle, received, timeout_ms);
+    const unsigned count = serial_read_until(handle, received, timeout);
     sleep_ms(item_pause);
     if (count < received.size() || !std::ranges::equal(received, answer.bytes())) {
         failed(read_failure, number);
@@ -60,7 +59,7 @@ bool Step::exchange_with_status(Item item, Status status, const char* write_fail
     }
     const std::size_t echo_size = item.bytes().size();
     std::vector<std::uint8_t> received(echo_size + 2);
-    const unsigned count = serial_read_until(handle, received, answer_timeout);
+    const unsigned count = serial_read_until(handle, received, timeout);
     sleep_ms(item_pause);
     if (count < received.size()) {
         return false;

@@ -50,6 +50,9 @@ struct Step {
     /// families whose driver alone says what failed.
     const char* function = nullptr;
 
+    /// How long an answer may take, in ms.
+    unsigned timeout = answer_timeout;
+
     /// Prints an ERROR line from a text with "%s" for the function and, behind it, at most one
     /// conversion for an unsigned number; silent steps print nothing. Returns -1.
     int failed(const char* text, unsigned number = 0) const;
@@ -59,8 +62,7 @@ struct Step {
 
     /// Takes as many bytes as the answer has and pauses. False, after the ERROR line, when others
     /// came or too few.
-    [[nodiscard]] bool expect(Item answer, const char* read_failure, unsigned number = 0,
-                              unsigned timeout_ms = answer_timeout) const;
+    [[nodiscard]] bool expect(Item answer, const char* read_failure, unsigned number = 0) const;
 
     /// `send`, then `expect`.
     [[nodiscard]] bool exchange(Item item, Item answer, const char* write_failure,
