@@ -760,6 +760,37 @@ TEST(Ag3335Handshake, GivesUpAfter499Tries) {
     EXPECT_NEAR(static_cast<double>(run.duration_ms), 499 * 80.0, 100);
 }
 
+/// A module of which only its chatter is heard.
+class ChattyModule : public SilentModule {
+  public:
+    explicit ChattyModule(std::string chatter) : chatter_(std::move(chatter)) {}
+    void receive(std::uint8_t /*byte*/, sim::Micros /*now*/, sim::Wire& wire) override {
+        wire.send(chatter_);
+    }
+
+  private:
+    std::string chatter_;
+};
+
+TEST(Ag3335Handshake, HintTellsWhatWasHeard) {
+    Upgrade upgrade(new_agent_size);
+    upgrade.write_package();
+    const auto hint = [&upgrade](sim::Model& module) {
+        ::testing::internal::CaptureStderr();
+        const ToolRun run(module, upgrade.arguments());
+        EXPECT_EQ(run.result(), upgrade_failure(-1));
+        EXPECT_EQ(run.count("hint"), 0U) << "standard output has no hints";
+        return ::testing::internal::GetCapturedStderr();
+    };
+    SilentModule silent;
+    EXPECT_EQ(hint(silent), "hint: nothing arrived; is the module powered and was it reset?\n");
+    ChattyModule running("$GNGGA");
+    EXPECT_EQ(hint(running),
+              "hint: the module's firmware is running; reset it while the tool waits\n");
+    ChattyModule noisy("\xE3\x80");
+    EXPECT_EQ(hint(noisy), "hint: what arrived is noise, as from a module at another rate\n");
+}
+
 TEST(Ag3335Handshake, WaitsForTheResetButton) {
     Ag3335Module::Settings settings;
     settings.reset_pressed_after = sim::milliseconds(30'000);
