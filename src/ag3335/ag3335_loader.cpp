@@ -1,4 +1,5 @@
 // The steps up to the synchronised agent, as AG3335 takes them.
+#include <cerrno>
 #include <cstdio>
 
 #include "ag3335/ag3335.h"
@@ -37,7 +38,9 @@ std::uint32_t agent_address() {
 int get_file_size(const char* path) {
     const FirmwareFile file(path);
     if (!file.is_open()) {
-        std::perror("Error opening file");
+        std::perror(errno == ESPIPE  ? "Error seeking file"
+                    : errno == EFBIG ? "Error getting file size"
+                                     : "Error opening file");
         return -1;
     }
     return file.size();

@@ -111,6 +111,7 @@ bool write_block(SerialHandle handle, std::uint32_t address, std::span<const std
     sleep_ms(pause_ms);
     Reply reply{};
     if (serial_read_until(handle, reply, reply_ms) < reply.size()) {
+        std::fprintf(stderr, "hint: the agent did not answer the block for 0x%08x\n", address);
         return false;
     }
     acknowledgement = {.status = reply[status_offset],

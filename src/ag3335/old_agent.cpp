@@ -1,6 +1,5 @@
-// The dialogue with the old download agent: single bytes, big-endian fields. It repeats none of
-// what it is sent, so the order of the items and the pauses between them are all that keeps both
-// sides together.
+// The dialogue with the old download agent: single bytes, big-endian fields. It echoes
+// nothing: only the order of the items keeps both sides together.
 #include <array>
 #include <cerrno>
 #include <cstring>

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "ag3335/byte_functions.h"
@@ -26,10 +27,34 @@ constexpr int agent_chunk = 1024;
 constexpr Status register_accepted{.accepted = 0x0001, .shown = 0x0100};
 constexpr Status agent_accepted{.accepted = 0x0000, .shown = 0x0000};
 
+/// What came instead of the loader's answer.
+struct Heard {
+    int readable = 0;
+    int other = 0;
+
+    void take(std::uint8_t byte) {
+        const bool is_text = (byte >= 0x20 && byte < 0x7F) || byte == '\r' || byte == '\n';
+        ++(is_text ? readable : other);
+    }
+
+    /// Tells a person what may be wrong.
+    void give_hint() const {
+        if (readable == 0 && other == 0) {
+            std::fputs("hint: nothing arrived; is the module powered and was it reset?\n", stderr);
+        } else if (readable > other) {
+            std::fputs("hint: the module's firmware is running; reset it while the tool waits\n",
+                       stderr);
+        } else {
+            std::fputs("hint: what arrived is noise, as from a module at another rate\n", stderr);
+        }
+    }
+};
+
 /// Sends 0xA0 until the loader answers. Returns the attempts left, 0 when it never did.
 int catch_loader(SerialHandle handle) {
     constexpr std::uint8_t probe = 0xA0;
     constexpr std::uint8_t answer = 0x5F;
+    Heard heard;
     int attempts = 500;
     while (--attempts != 0) {
         serial_flush(handle);
@@ -38,18 +63,21 @@ int catch_loader(SerialHandle handle) {
         }
         sleep_ms(10);
         std::uint8_t received = 0;
-        serial_read_until(handle, {&received, 1}, 60);
+        const unsigned count = serial_read_until(handle, {&received, 1}, 60);
         if (received == answer) {
-            break;
+            return attempts;
+        }
+        if (count != 0) {
+            heard.take(received);
         }
         sleep_ms(10);
     }
-    return attempts;
+    heard.give_hint();
+    return 0;
 }
 
 /// Sends the agent's bytes and forms their checksum. Returns 0 or -1.
 int send_content(const Step& step, FirmwareFile& file, std::uint16_t& checksum) {
-    const bool speaks = step.function != nullptr;
     const int size = file.size();
     std::array<std::uint8_t, agent_chunk> buffer{};
     int sent = 0;
@@ -57,7 +85,7 @@ int send_content(const Step& step, FirmwareFile& file, std::uint16_t& checksum) 
     log_speed_start(size);
     while (size - sent > agent_chunk) {
         if (file.read(buffer) != buffer.size()) {
-            if (speaks) {
+            if (step.speaks()) {
                 log_error("read Da file(%d) fail\n", size);
             }
             return -1;
@@ -71,7 +99,7 @@ int send_content(const Step& step, FirmwareFile& file, std::uint16_t& checksum) 
     }
     const auto rest = std::span(buffer).first(static_cast<std::size_t>(size - sent));
     if (file.read(rest) != rest.size()) {
-        if (speaks) {
+        if (step.speaks()) {
             log_error("read last Da file(%d) fail\n", size);
         }
         return -1;
@@ -96,7 +124,7 @@ int check_agent(const Step& step, std::uint16_t checksum) {
     }
     const std::uint16_t received = get_be16(answer);
     if (received != checksum) {
-        if (step.function != nullptr) {
+        if (step.speaks()) {
             log_error("local_check_sum = 0x%08x != read_check_sum 0x%08x check sum fail\n",
                       unsigned{checksum}, unsigned{received});
         }
@@ -142,12 +170,11 @@ int write_register(const Step& step, std::uint32_t address, std::uint16_t value)
 }
 
 int send_agent(const Step& step, const AgentTransfer& transfer) {
-    const bool speaks = step.function != nullptr;
     if (!step.exchange({0xD7}, {0xD7}, "%s serial_write 0xD7 fail\n",
                        "%s serial_read 0xD7 fail\n")) {
         return -1;
     }
-    if (transfer.size == -1 && speaks) {
+    if (transfer.size == -1 && step.speaks()) {
         log_error("Da file size error, check Da file path %s\n", transfer.path);
     }
     const bool announced =
@@ -166,9 +193,9 @@ int send_agent(const Step& step, const AgentTransfer& transfer) {
     FirmwareFile file(transfer.path);
     if (!file.is_open()) {
         const int reason = errno;
-        if (speaks && reason == ESPIPE) {
+        if (step.speaks() && reason == ESPIPE) {
             log_error("send Da file(%d) fail\n", transfer.size);
-        } else if (speaks) {
+        } else if (step.speaks()) {
             log_error("open %s error(%d) (%s)\n", transfer.path, reason, std::strerror(reason));
         }
         return -1;

@@ -21,7 +21,7 @@ std::array<std::uint8_t, 4> be32(std::uint32_t value) {
 }
 
 int Step::failed(const char* text, unsigned number) const {
-    if (function != nullptr) {
+    if (speaks()) {
         log_error(text, function, number);
     }
     return -1;

@@ -13,14 +13,18 @@
 
 namespace orbix::loader {
 
-/// The bytes of an item: a list such as {0x5A, 0x69}, or any row of them in memory.
+/// Bytes that lie in memory one behind the other.
+template <typename Row>
+concept ByteRow = std::constructible_from < std::span<const std::uint8_t>,
+const Row& > ;
+
+/// The bytes of an item: a list such as {0x5A, 0x69}, or a row of them.
 /// It only refers to them: use it as an argument, not to keep them.
 class Item {
   public:
     Item(std::initializer_list<std::uint8_t> bytes) : bytes_(bytes.begin(), bytes.size()) {}
-    template <typename Range>
-    requires std::constructible_from < std::span<const std::uint8_t>,
-    const Range& > Item(const Range& bytes) : bytes_(bytes) {}
+    template <ByteRow Row>
+    Item(const Row& bytes) : bytes_(bytes) {}
 
     [[nodiscard]] std::span<const std::uint8_t> bytes() const { return bytes_; }
 
@@ -53,8 +57,11 @@ struct Step {
     /// How long an answer may take, in ms.
     unsigned timeout = answer_timeout;
 
-    /// Prints an ERROR line from a text with "%s" for the function and, behind it, at most one
-    /// conversion for an unsigned number; silent steps print nothing. Returns -1.
+    /// Whether the step has ERROR lines.
+    [[nodiscard]] bool speaks() const { return function != nullptr; }
+
+    /// Prints an ERROR line, unless the step is silent. The text may have a "%s", for the function,
+    /// and behind it one conversion for an unsigned number. Returns -1.
     int failed(const char* text, unsigned number = 0) const;
 
     /// Sends an item and pauses. False, after the ERROR line, when nothing could be written.
