@@ -373,8 +373,8 @@ TEST_F(Ag3335Readback, SoftResetModels) {
         Ag3335Module running(settings);
         running.start_baud = 460800;
         fill(running);
-        std::vector<std::string> words{"-m",       model, "-p",   "COM6", "-s",
-                                       agent_path, "-b",  "9600", "-l",   "115200"};
+        std::vector<std::string> words{"-m",       model, "-p",     "COM6", "-s",
+                                       agent_path, "-b",  "460800", "-l",   "115200"};
         const auto lists = one_region();
         words.insert(words.end(), lists.begin(), lists.end());
         const ToolRun result(running, words);
