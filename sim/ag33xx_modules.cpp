@@ -15,6 +15,7 @@ constexpr std::size_t longest_sentence = 82;
 void Ag3335Module::power_on(Micros now, Wire& /*wire*/) {
     const bool met_running = settings_.runs_firmware && !found_;
     found_ = true;
+    boot.voice.forget();
     enter_loader(now);
     listens_at_ = now + settings_.reset_pressed_after;
     if (met_running) {
@@ -77,6 +78,7 @@ void Ag3335Module::hear_sentence(std::uint8_t byte, Micros now, Wire& wire) {
 
 void Ag3352Module::power_on(Micros now, Wire& wire) {
     app_loader_caught_ = false;
+    boot.voice.forget();
     boot.reset();
     app_loader.power_on(now, wire);
     listens_at_ = now + settings_.reset_pressed_after;
@@ -102,8 +104,7 @@ std::optional<Micros> Ag3352Module::wake_time() const {
 
 void Ag3352Module::wake(Micros now, Wire& wire) {
     if (boot.engaged()) {
-        power_on(now, wire);  // the watchdog has bitten
-        listens_at_ = now;
+        boot.reset();  // the watchdog has bitten
     } else {
         app_loader.wake(now, wire);
     }

@@ -70,7 +70,7 @@ class BootVoice {
     using Bytes = std::vector<std::uint8_t>;
 
     /// A test's way of making an answer wrong, short or missing: called with every answer and how
-    /// often it has been given since the start (from 0). May change the bytes, or empty them for
+    /// often it has been given since power-on (from 0). May change the bytes, or empty them for
     /// silence.
     std::function<void(BootAnswer which, unsigned number, Bytes& bytes)> tamper;
 
@@ -95,7 +95,10 @@ class BootVoice {
         return !flash_fails || !flash_fails(which, count(which));
     }
 
-    /// How often that answer was due.
+    /// Power comes on.
+    void forget() { counts_ = {}; }
+
+    /// How often that answer was due since power-on.
     [[nodiscard]] unsigned count(BootAnswer which) const {
         return counts_[static_cast<std::size_t>(which)];
     }

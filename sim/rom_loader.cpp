@@ -50,6 +50,7 @@ void RomLoader::reset() {
     start_matched_ = 0;
     item_.clear();
     writes_.clear();
+    watchdog_off_ = false;
     agent_.clear();
 }
 
@@ -82,16 +83,6 @@ void RomLoader::receive(std::uint8_t byte, Micros now, Wire& wire, unsigned& bau
             break;
     }
     item_.clear();
-}
-
-std::optional<Micros> RomLoader::watchdog_bites_at() const {
-    return engaged() && !watchdog_is_off() ? std::optional(started_at_ + settings_.watchdog_time)
-                                           : std::nullopt;
-}
-
-bool RomLoader::watchdog_is_off() const {
-    return std::all_of(settings_.watchdog_off.begin(), settings_.watchdog_off.end(),
-                       [this](const RegisterWrite& needed) { return holds(writes_, needed); });
 }
 
 std::size_t RomLoader::item_size() const {
@@ -170,6 +161,9 @@ void RomLoader::take_register_item(Wire& wire) {
         return;
     }
     writes_.push_back({register_address_, static_cast<std::uint16_t>(value)});
+    watchdog_off_ =
+        std::all_of(settings_.watchdog_off.begin(), settings_.watchdog_off.end(),
+                    [this](const RegisterWrite& needed) { return holds(writes_, needed); });
     echo(BootAnswer::write_value, write_accepted, wire);
     --values_left_;
     step_ = values_left_ > 0 ? Step::write_value : Step::command;

@@ -45,7 +45,10 @@ class RomLoader {
     [[nodiscard]] bool engaged() const { return step_ != Step::start || start_matched_ > 0; }
 
     /// When the watchdog bites, if it has not been switched off.
-    [[nodiscard]] std::optional<Micros> watchdog_bites_at() const;
+    [[nodiscard]] std::optional<Micros> watchdog_bites_at() const {
+        return engaged() && !watchdog_off_ ? std::optional(started_at_ + settings_.watchdog_time)
+                                           : std::nullopt;
+    }
 
     /// Where the loader has jumped to, once it has.
     [[nodiscard]] std::optional<std::uint32_t> jumped_to() const {
@@ -82,7 +85,6 @@ class RomLoader {
     void echo(BootAnswer which, Wire& wire);
     void echo(BootAnswer which, std::uint16_t status, Wire& wire);
     [[nodiscard]] std::size_t item_size() const;
-    [[nodiscard]] bool watchdog_is_off() const;
 
     Settings settings_;
     BootVoice& voice_;
@@ -93,6 +95,7 @@ class RomLoader {
     std::uint32_t register_address_ = 0;
     std::uint32_t values_left_ = 0;
     std::vector<RegisterWrite> writes_;
+    bool watchdog_off_ = false;
     std::uint32_t agent_address_ = 0;
     std::uint32_t agent_length_ = 0;
     std::vector<std::uint8_t> agent_;
