@@ -119,6 +119,87 @@ bool write_block(SerialHandle handle, std::uint32_t address, std::span<const std
     return true;
 }
 
+/// An image on its way into the flash.
+struct Transfer {
+    SerialHandle handle;
+    FirmwareFile& file;
+    std::uint32_t address;  ///< of the next block
+    int sent = 0;           ///< bytes
+    int refusals = 0;
+};
+
+bool read_block(FirmwareFile& file, std::span<std::uint8_t> block) {
+    if (file.read(block) == block.size()) {
+        return true;
+    }
+    std::fputs("hint: the image could not be read to its end\n", stderr);
+    return false;
+}
+
+bool too_many_refusals(const Transfer& transfer) {
+    if (transfer.refusals <= most_refusals) {
+        return false;
+    }
+    log_error("send fw data fail\n");
+    return true;
+}
+
+/// Takes the answer to a full block into account: the address moves on only past a good one.
+void account_for(Transfer& transfer, const Acknowledgement& answer) {
+    if (answer.status != 0) {
+        ++transfer.refusals;
+        log_error("status_response 0x%02x error resend -- %d\n", unsigned{answer.status},
+                  transfer.refusals);
+    } else if (answer.address != transfer.address) {
+        ++transfer.refusals;
+        log_error("fw_start_addr_send 0x%08x error resend -- %d\n", answer.address,
+                  transfer.refusals);
+    } else {
+        transfer.address += block_size;
+        log_transfer(transfer.sent, transfer.file.size());
+    }
+}
+
+/// Sends blocks while more than one remains.
+bool write_full_blocks(Transfer& transfer, unsigned reply_ms) {
+    std::array<std::uint8_t, block_size> block{};
+    Acknowledgement answer{};
+    while (transfer.file.size() - transfer.sent > static_cast<int>(block_size)) {
+        if (too_many_refusals(transfer) || !read_block(transfer.file, block)) {
+            return false;
+        }
+        transfer.sent += static_cast<int>(block_size);
+        if (!write_block(transfer.handle, transfer.address, block, loader::item_pause, reply_ms,
+                         answer)) {
+            return false;
+        }
+        account_for(transfer, answer);
+    }
+    return true;
+}
+
+/// Sends what remains, filled up with 0xFF.
+bool write_last_block(Transfer& transfer) {
+    const int size = transfer.file.size();
+    std::array<std::uint8_t, block_size> block{};
+    block.fill(0xFF);
+    Acknowledgement answer{};
+    if (too_many_refusals(transfer) ||
+        !read_block(transfer.file,
+                    std::span(block).first(static_cast<std::size_t>(size - transfer.sent))) ||
+        !write_block(transfer.handle, transfer.address, block, settle_ms, reply_timeout, answer)) {
+        return false;
+    }
+    if (answer.status != 0) {
+        std::fprintf(stderr, "hint: the agent refused the last block with status 0x%02x\n",
+                     unsigned{answer.status});
+        return false;
+    }
+    sleep_ms(settle_ms);
+    log_transfer(size, size);
+    return true;
+}
+
 int write_image(SerialHandle handle, const std::string& path, std::uint32_t address,
                 unsigned reply_ms) {
     FirmwareFile file(path.c_str());
@@ -126,60 +207,17 @@ int write_image(SerialHandle handle, const std::string& path, std::uint32_t addr
         std::perror(path.c_str());
         return -1;
     }
-    const int size = file.size();
-    int sent = 0;
-    int refusals = 0;
-    std::array<std::uint8_t, block_size> block{};
-    Acknowledgement answer{};
-
+    Transfer transfer{.handle = handle, .file = file, .address = address};
     log_progress(0.0F, LineEnd::crlf);
     flash_tool_secs();  // the transfer's clock starts here
-    log_speed_start(size);
-    while (size - sent > static_cast<int>(block_size)) {
-        if (refusals > most_refusals) {
-            log_error("send fw data fail\n");
-            return -1;
-        }
-        if (file.read(block) != block.size()) {
-            return -1;
-        }
-        sent += static_cast<int>(block_size);
-        if (!write_block(handle, address, block, loader::item_pause, reply_ms, answer)) {
-            return -1;
-        }
-        if (answer.status != 0) {
-            ++refusals;
-            log_error("status_response 0x%02x error resend -- %d\n", unsigned{answer.status},
-                      refusals);
-        } else if (answer.address != address) {
-            ++refusals;
-            log_error("fw_start_addr_send 0x%08x error resend -- %d\n", answer.address, refusals);
-        } else {
-            address += block_size;
-            log_transfer(sent, size);
-        }
+    log_speed_start(file.size());
+    if (!write_full_blocks(transfer, reply_ms)) {
+        return -1;
     }
     std::fputs("\n", log_stream());
     std::fflush(log_stream());
-    if (sent == size) {
-        return 0;
-    }
-    if (refusals > most_refusals) {
-        log_error("send fw data fail\n");
-        return -1;
-    }
-    const auto rest = static_cast<std::size_t>(size - sent);
-    block.fill(0xFF);
-    if (file.read(std::span(block).first(rest)) != rest) {
-        return -1;
-    }
-    if (!write_block(handle, address, block, settle_ms, reply_timeout, answer) ||
-        answer.status != 0) {
-        return -1;
-    }
-    sleep_ms(settle_ms);
-    log_transfer(size, size);
-    return 0;
+    const bool complete = transfer.sent == file.size() || write_last_block(transfer);
+    return complete ? 0 : -1;
 }
 
 }  // namespace

@@ -1307,7 +1307,7 @@ TEST(Ag3335OldWrite, FailuresAndTheirLines) {
 TEST(Ag3335OldWrite, FlashThatDoesNotTakeAPacketEndsTheWrite) {
     Upgrade upgrade(old_agent_size);
     upgrade.images = {{"a.bin", flash_base, random_image(100)},
-                      {"b.bin", flash_base + 0x1000, random_image(4096 * 3, 2)}};
+                      {"b.bin", flash_base + 0x1000, random_image(12'288, 2)}};
     upgrade.module.boot.voice.flash_fails = [](BootAnswer which, unsigned number) {
         return which == BootAnswer::packet_written && number == 1;
     };
@@ -1376,7 +1376,7 @@ Bytes frames_with_refusals(const Image& image, const std::vector<std::size_t>& r
 TEST(Ag3335NewWrite, RefusedBlockIsSkippedAndItsAddressKept) {
     Upgrade upgrade(new_agent_size);
     upgrade.dirty_flash();
-    upgrade.images = {{"app.bin", flash_base, random_image(4096 * 6 + 100)}};
+    upgrade.images = {{"app.bin", flash_base, random_image(24'676)}};
     upgrade.module.boot.voice.flash_fails = [](BootAnswer which, unsigned number) {
         return which == BootAnswer::write_block && (number == 1 || number == 4);
     };
@@ -1395,7 +1395,7 @@ TEST(Ag3335NewWrite, RefusedBlockIsSkippedAndItsAddressKept) {
 
 TEST(Ag3335NewWrite, ThirdRefusalInAnImageEndsIt) {
     Upgrade upgrade(new_agent_size);
-    upgrade.images = {{"app.bin", flash_base, random_image(4096 * 9)}};
+    upgrade.images = {{"app.bin", flash_base, random_image(36'864)}};
     upgrade.module.boot.voice.flash_fails = [](BootAnswer which, unsigned number) {
         return which == BootAnswer::write_block && number % 2 == 0;
     };
@@ -1413,7 +1413,7 @@ TEST(Ag3335NewWrite, ThirdRefusalInAnImageEndsIt) {
 
 TEST(Ag3335NewWrite, ThirdRefusalJustBeforeTheLastBlockEndsItToo) {
     Upgrade upgrade(new_agent_size);
-    upgrade.images = {{"app.bin", flash_base, random_image(4096 * 3 + 1)}};
+    upgrade.images = {{"app.bin", flash_base, random_image(12'289)}};
     upgrade.module.boot.voice.flash_fails = [](BootAnswer which, unsigned) {
         return which == BootAnswer::write_block;
     };
@@ -1427,8 +1427,8 @@ TEST(Ag3335NewWrite, ThirdRefusalJustBeforeTheLastBlockEndsItToo) {
 
 TEST(Ag3335NewWrite, RefusalsAreCountedForEachImage) {
     Upgrade upgrade(new_agent_size);
-    upgrade.images = {{"a.bin", flash_base, random_image(4096 * 5)},
-                      {"b.bin", flash_base + 0x10000, random_image(4096 * 5, 2)}};
+    upgrade.images = {{"a.bin", flash_base, random_image(20'480)},
+                      {"b.bin", flash_base + 0x10000, random_image(20'480, 2)}};
     upgrade.module.boot.voice.flash_fails = [](BootAnswer which, unsigned number) {
         return which == BootAnswer::write_block && (number % 5 == 0 || number % 5 == 1);
     };
@@ -1762,7 +1762,7 @@ TEST(Ag3335SoftReset, PortThatIsGoneAfterwards) {
 // --- a device that vanishes ----------------------------------------------------------------------
 
 TEST(Ag3335Unplug, EndsEveryStepWithAFailure) {
-    constexpr std::uint64_t parts = 24;
+    constexpr std::uint64_t parts = 16;
     for (const std::size_t agent_size : {old_agent_size, new_agent_size}) {
         Upgrade whole(agent_size);
         const std::uint64_t duration = whole.run().duration_ms - 2050;
