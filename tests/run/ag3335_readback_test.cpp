@@ -167,7 +167,7 @@ TEST_F(Ag3335Readback, ReportsProgress) {
 }
 
 TEST_F(Ag3335Readback, FilesEqualTheFlash) {
-    for (const std::size_t count : {1, 2, 20}) {
+    for (const std::size_t count : {1U, 2U, 20U}) {
         const auto regions = regions_in(folder, count);
         EXPECT_EQ(run(region_lists(regions, "ota")).result(), readback_success);
         for (std::size_t index = 0; index < count; ++index) {
@@ -273,7 +273,7 @@ TEST_F(Ag3335Readback, WrongSumEndsTheRun) {
 TEST_F(Ag3335Readback, SumThatIsCutShortEndsTheRun) {
     module.flash().erase(base, 0x1000);
     module.flash().program(base, Bytes(0x1000, 0x00));  // a sum of 0, like nothing received
-    for (const std::size_t missing : {1, 4}) {
+    for (const std::size_t missing : {1U, 4U}) {
         tamper(BootAnswer::read_packet, 1,
                [missing](Bytes& bytes) { bytes.resize(bytes.size() - missing); });
         expect_ends_with(

@@ -140,7 +140,7 @@ TEST_F(Ag3352Readback, ReportsProgress) {
 }
 
 TEST_F(Ag3352Readback, FilesEqualTheFlash) {
-    for (const std::size_t count : {1, 2, 20}) {
+    for (const std::size_t count : {1U, 2U, 20U}) {
         const auto regions = regions_in(folder, count);
         EXPECT_EQ(run(region_lists(regions)).result(), readback_success);
         for (std::size_t index = 0; index < count; ++index) {
