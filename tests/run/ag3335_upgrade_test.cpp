@@ -7,7 +7,7 @@
 #include <numeric>
 
 #include "ag33xx_modules.h"
-#include "checksums.h"
+#include "run/ag33xx_support.h"
 #include "run/harness.h"
 #include "wire_words.h"
 
@@ -16,7 +16,6 @@ namespace {
 
 using sim::Ag3335Module;
 using sim::append_big_endian;
-using sim::append_little_endian;
 using sim::BootAnswer;
 using Lines = std::vector<std::string>;
 
@@ -27,26 +26,7 @@ constexpr std::size_t new_agent_size = 1500;
 const std::string handshake_line = "[INFO] Handshake... (Press the module reset button!)";
 const std::string failed = " Flash upgrade failed";
 
-struct Image {
-    std::string name;
-    std::uint32_t address;
-    Bytes content;
-};
-
-std::string hex_text(std::uint32_t value) {
-    std::array<char, 16> text{};
-    std::snprintf(text.data(), text.size(), "0x%08X", value);
-    return text.data();
-}
-
-std::string layout_of(const std::vector<Image>& images) {
-    std::string text = "general:\n    config_version: alpha\nmain_region:\n";
-    for (const Image& image : images) {
-        text += "    rom:\n        file: " + image.name + "\n        name: part\n" +
-                "        begin_address: " + hex_text(image.address) + "\n";
-    }
-    return text;
-}
+using Image = PackageImage;
 
 /// A module, a package and an agent, with a way to make the module misbehave.
 struct Upgrade {
@@ -95,12 +75,8 @@ struct Upgrade {
 
     /// What that flash must hold after a success.
     [[nodiscard]] Bytes expected_flash(std::uint32_t erased) const {
-        Bytes cells(Ag3335Module::flash_size, 0x00);
-        std::fill_n(cells.begin(), erased, std::uint8_t{0xFF});
-        for (const Image& image : images) {
-            std::copy(image.content.begin(), image.content.end(),
-                      cells.begin() + (image.address - flash_base));
-        }
+        Bytes cells = flash_with(images, Ag3335Module::flash_size);
+        std::fill(cells.begin() + erased, cells.end(), std::uint8_t{0x00});
         return cells;
     }
     [[nodiscard]] bool flash_is(const Bytes& expected) {
@@ -109,14 +85,8 @@ struct Upgrade {
     }
 };
 
-void append(Bytes& bytes, std::span<const std::uint8_t> more) {
-    bytes.insert(bytes.end(), more.begin(), more.end());
-}
-
 Bytes be32(std::uint32_t value) {
-    Bytes bytes;
-    append_big_endian(bytes, value, 4);
-    return bytes;
+    return hex(be32_hex(value));
 }
 
 std::uint32_t byte_sum(std::span<const std::uint8_t> bytes) {
@@ -185,25 +155,14 @@ Bytes old_image_bytes(const Image& image, std::uint8_t closing) {
     return bytes;
 }
 
-Bytes checked(Bytes frame) {
-    append_little_endian(frame, sim::module_crc32(frame), 4);
-    return frame;
-}
-
 Bytes erase_frame(std::uint32_t address, std::uint32_t length) {
-    Bytes frame = hex("05 5A 0E 00 04 21");
-    append_little_endian(frame, address, 4);
-    append_little_endian(frame, length, 4);
-    return checked(frame);
+    return checked_frame("05 5A 0E 00 04 21" + le32_hex(address) + le32_hex(length));
 }
 
 Bytes write_frame(std::uint32_t address, std::span<const std::uint8_t> data) {
-    Bytes frame = hex("05 5A 0C 10 00 21");
-    append_little_endian(frame, address, 4);
-    append_little_endian(frame, 4096, 2);
-    append(frame, data);
-    frame.resize(12 + 4096, 0xFF);
-    return checked(frame);
+    Bytes block(data.begin(), data.end());
+    block.resize(4096, 0xFF);
+    return checked_frame("05 5A 0C 10 00 21" + le32_hex(address) + "00 10", block);
 }
 
 Bytes erase_bytes(std::uint32_t length) {
@@ -1774,6 +1733,27 @@ TEST(Ag3335Unplug, EndsEveryStepWithAFailure) {
             EXPECT_EQ(run.family_lines().back(), failed);
             EXPECT_FALSE(run.hit_time_limit);
             EXPECT_LT(run.duration_ms, duration * part / parts + 45'000);
+        }
+    }
+}
+
+// --- a line that disturbs ------------------------------------------------------------------------
+
+TEST(Ag3335Faults, EveryRunComesToAnEnd) {
+    Upgrade whole(new_agent_size);
+    const std::uint64_t bytes = whole.run().sent.size();
+    for (const sim::FaultKind kind : {sim::FaultKind::drop, sim::FaultKind::flip}) {
+        for (std::uint64_t part = 1; part < 12; ++part) {
+            SCOPED_TRACE(part);
+            Upgrade upgrade(new_agent_size);
+            Conditions conditions;
+            conditions.faults = {{.kind = kind, .byte = bytes * part / 12}};
+            const ToolRun run = upgrade.run({}, conditions);
+            EXPECT_FALSE(run.hit_time_limit);
+            EXPECT_NE(run.result(), "");
+            // Checksums cover all bytes of a command that matter: no loss goes unnoticed.
+            EXPECT_TRUE(run.result() == upgrade_failure(-1) || run.count("resend") != 0)
+                << run.result();
         }
     }
 }

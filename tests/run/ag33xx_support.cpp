@@ -31,16 +31,22 @@ void spoil_answer(sim::BootVoice& voice, sim::BootAnswer which, Spoil how, unsig
     };
 }
 
-void write_package(const TempDir& folder, const std::vector<PackageImage>& images) {
-    std::string layout = "main_region:\n";
+std::string layout_of(const std::vector<PackageImage>& images) {
+    std::string layout = "general:\n  config_version: alpha\nmain_region:\n";
     for (const PackageImage& image : images) {
-        folder.write(image.name, image.content);
         std::array<char, 16> address{};
         std::snprintf(address.data(), address.size(), "0x%08X", image.address);
         layout += "  rom:\n    file: " + image.name + "\n    name: " + image.name +
                   "\n    begin_address: " + address.data() + "\n";
     }
-    folder.write("flash_download.cfg", layout);
+    return layout;
+}
+
+void write_package(const TempDir& folder, const std::vector<PackageImage>& images) {
+    for (const PackageImage& image : images) {
+        folder.write(image.name, image.content);
+    }
+    folder.write("flash_download.cfg", layout_of(images));
 }
 
 Bytes flash_with(const std::vector<PackageImage>& images, std::size_t size) {
@@ -52,7 +58,7 @@ Bytes flash_with(const std::vector<PackageImage>& images, std::size_t size) {
     return flash;
 }
 
-void append(Bytes& bytes, const Bytes& more) {
+void append(Bytes& bytes, std::span<const std::uint8_t> more) {
     bytes.insert(bytes.end(), more.begin(), more.end());
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,9 @@ struct PackageImage {
     Bytes content;
 };
 
+/// The layout file of a package.
+std::string layout_of(const std::vector<PackageImage>& images);
+
 /// Writes the images and their layout into a folder.
 void write_package(const TempDir& folder, const std::vector<PackageImage>& images);
 
@@ -29,7 +33,7 @@ void write_package(const TempDir& folder, const std::vector<PackageImage>& image
 Bytes flash_with(const std::vector<PackageImage>& images, std::size_t size);
 
 /// Appends to what is expected on the wire.
-void append(Bytes& bytes, const Bytes& more);
+void append(Bytes& bytes, std::span<const std::uint8_t> more);
 void append_hex(Bytes& bytes, const std::string& digits);
 
 /// A frame of the new agent with its CRC: header and fields as hex digits, then the data.
