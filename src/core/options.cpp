@@ -30,9 +30,27 @@ const char* OptionScan::value() const {
     return optarg != nullptr ? optarg : "";
 }
 
+std::vector<const char*> OptionScan::values() {
+    std::vector<const char*> words{value()};
+    const int argc = static_cast<int>(arguments_.size()) - 1;
+    for (; optind < argc; ++optind) {
+        const char* word = arguments_[static_cast<std::size_t>(optind)];
+        if (word[0] == '-') {
+            break;
+        }
+        words.push_back(word);
+    }
+    return words;
+}
+
 int to_int(const char* text) {
     const long value = std::strtol(text, nullptr, 10);
     return static_cast<int>(std::clamp<long>(value, INT_MIN, INT_MAX));
+}
+
+std::uint32_t to_hex(const char* text) {
+    const long long value = std::strtoll(text, nullptr, 16);
+    return static_cast<std::uint32_t>(std::clamp<long long>(value, INT_MIN, UINT32_MAX));
 }
 
 std::string clipped(const char* text, std::size_t length) {

@@ -1,6 +1,7 @@
 // Reading the command line: what several family entries do in the same way.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,10 @@ class OptionScan {
     /// The argument of the option that `next` returned last; empty when it takes none.
     [[nodiscard]] const char* value() const;
 
+    /// That argument and all words behind it up to the next one that begins with '-', for options
+    /// that take a list. The scan goes on behind them.
+    std::vector<const char*> values();
+
   private:
     std::vector<char*> arguments_;
     const char* letters_;
@@ -26,6 +31,10 @@ class OptionScan {
 
 /// `atoi` that is defined for every text: 0 without a number, the nearest int out of range.
 int to_int(const char* text);
+
+/// A 32-bit number in hexadecimal, with or without "0x": 0 without a number, 0xFFFFFFFF for a
+/// larger one. A negative one wraps.
+std::uint32_t to_hex(const char* text);
 
 /// The first `length` characters of a text.
 std::string clipped(const char* text, std::size_t length);

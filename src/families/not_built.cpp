@@ -1,7 +1,6 @@
 #include "families/not_built.h"
 
 #include "core/kv_log.h"
-#include "upgrade/ag3352.h"
 
 namespace orbix {
 
@@ -13,24 +12,6 @@ int not_built(const char* entry) {
 }
 
 }  // namespace
-
-namespace ag3335 {
-int ag3335_upgrade(int /*argc*/, char** /*argv*/) {
-    return not_built("ag3335_upgrade");
-}
-int ag3335_readback(int /*argc*/, char** /*argv*/) {
-    return not_built("ag3335_readback");
-}
-}  // namespace ag3335
-
-namespace ag3352 {
-int ag3352_download(int /*argc*/, char** /*argv*/) {
-    return not_built("ag3352_download");
-}
-int ag3352_readback(int /*argc*/, char** /*argv*/) {
-    return not_built("ag3352_readback");
-}
-}  // namespace ag3352
 
 namespace hd8xx0 {
 int hd8xx0_upgrade(int /*argc*/, char** /*argv*/) {

@@ -1,11 +1,6 @@
 // Entries of the families that are not built yet: each prints one ERROR line and fails.
 #pragma once
 
-namespace orbix::ag3335 {
-int ag3335_upgrade(int argc, char** argv);
-int ag3335_readback(int argc, char** argv);
-}  // namespace orbix::ag3335
-
 namespace orbix::hd8xx0 {
 int hd8xx0_upgrade(int argc, char** argv);
 }  // namespace orbix::hd8xx0

@@ -2,6 +2,7 @@
 // application-level boot loader in the module's flash.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "core/kv_uart.h"
@@ -20,6 +21,10 @@ int ag3352_download(int argc, char** argv);
 
 /// Reads flash back into files. Returns 0 or -1.
 int ag3352_readback(int argc, char** argv);
+
+/// Reads one region, both its ends multiples of 4096, into a new file. Returns 0 or -1.
+int readback_flash_data(SerialHandle handle, std::uint32_t address, std::uint32_t size,
+                        const char* path);
 
 /// The steps of the upgrade, each on an open port. They return 0 or an error code.
 
