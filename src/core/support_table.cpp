@@ -1,9 +1,14 @@
 #include "core/support_table.h"
 
+#include "ag3335/ag3335.h"
 #include "families/gnss_module_evb.h"
+#include "families/hd8xx0.h"
 #include "families/monitor.h"
-#include "families/not_built.h"
 #include "families/rx7040.h"
+#include "teseo/rta500c.h"
+#include "teseo/sta8089.h"
+#include "teseo/sta8100.h"
+#include "teseo/sta9100.h"
 #include "upgrade/ag3352.h"
 #include "upgrade/zpx710p.h"
 
