@@ -488,6 +488,15 @@ TEST(Sta8089Normal, SentenceWithABlankIsBrokenOff) {
     EXPECT_EQ(outcome_of({"$GPTXT,a blank*00\r\n$PSTMFWUPGRADEOK*5F\r\n"}), Outcome::accepted);
 }
 
+TEST(Sta8089Normal, WhatWasBrokenOffStandsBeforeTheNextSentence) {
+    const TempDir folder;
+    ScriptedReceiver module({"$A$B C*00\r\n$PSTMFWUPGRADEOK*5F\r\n"});
+    const ToolRun run(module,
+                      arguments(folder.write("app.bin", random_image(10)), {"-t", "normal"}));
+    // The scan goes on behind the dollar sign where it began, and meets "$B" twice.
+    EXPECT_EQ(run.count("[INFO] $A$B$B$PSTMFWUPGRADEOK*5F\n"), 1U);
+}
+
 TEST(Sta8089Normal, IncompleteSentencesAreNoPresence) {
     EXPECT_EQ(outcome_of({"$PSTMFWUPGRADEOK*5F"}), Outcome::fell_back);
     EXPECT_EQ(outcome_of({"$PSTMFWUPGRADEOK*5F\rX"}), Outcome::fell_back);

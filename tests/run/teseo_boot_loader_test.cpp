@@ -359,6 +359,19 @@ TEST(TeseoBootLoader, FirmwareThatVanishedIsRefusedByTheModule) {
     EXPECT_EQ(run.count("[ERROR] ACK not expected [33]\n"), 1U);
 }
 
+TEST(TeseoBootLoader, SizeOfAnEarlierRunIsForgotten) {
+    const TempDir folder;
+    const std::string path = folder.write("app.bin", random_image(10));
+    TeseoChip module(quiet());
+    Dialogue run(module);
+    EXPECT_EQ(sta9100::process_sta9100_upgrade(run.handle, path.c_str(), 1), 0);
+    TeseoChip other(quiet());
+    Dialogue next(other);
+    EXPECT_EQ(sta9100::process_sta9100_upgrade(next.handle, folder.path("gone").c_str(), 1), -1);
+    EXPECT_EQ(next.count("[INFO] fw size: -1, crc32: 00\n"), 1U);
+    EXPECT_EQ(next.count("[ERROR] ACK not expected [33]\n"), 1U);
+}
+
 TEST(TeseoBootLoader, SentencesAreJudgedByWhatTheyContain) {
     EXPECT_EQ(teseo::judge_sentence("$PSTMFWUPGRADEOK*5F"), Heard::accepted);
     EXPECT_EQ(teseo::judge_sentence("xPSTMFWUPGRADEOKx"), Heard::accepted);
