@@ -862,6 +862,24 @@ TEST(Sta8100AppBoot, OfAReplyInTwoReadsOnlyAPartIsCompared) {
     EXPECT_TRUE(passes(8, 3));
 }
 
+TEST(Sta8100AppBoot, RefusalIsOneByteAloneInTheFirstRead) {
+    const TempDir folder;
+    const std::string path = folder.write("app.bin", random_image(10));
+    const auto run_with = [&path](std::size_t refusal_at, const Conditions& conditions) {
+        Sta8100Module module(app_waiting());
+        module.app().tamper = [refusal_at](AppStep step, Bytes& answer) {
+            if (step == AppStep::get) {
+                answer[3 + refusal_at] = 0x1F;
+            }
+        };
+        return ToolRun(module, arguments(path, {"-c", "app_boot"}), conditions);
+    };
+    EXPECT_EQ(run_with(0, {}).count(wrong_response), 1U);
+    EXPECT_EQ(run_with(0, split_at(list_begins + 1)).count("[ERROR] NAK\n"), 1U);
+    EXPECT_EQ(run_with(10, split_at(list_begins + 10)).result(), upgrade_success)
+        << "a later read is not looked at for one";
+}
+
 TEST(Sta8100AppBoot, UsedFlashIsTakenForBlankWhenItsReplyIsSplitBeforeTheUsedBytes) {
     const TempDir folder;
     const std::string path = folder.write("app.bin", random_image(10));
