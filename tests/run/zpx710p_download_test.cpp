@@ -177,6 +177,7 @@ TEST(Zpx710pDownload, TheStatedPackets) {
     const Bytes image = random_image(241);
     Zpx710pRomLoader module;
     const ToolRun run(module, arguments(folder.write("app.bin", image)));
+    ASSERT_EQ(run.sent, expected_bytes(image));
     EXPECT_EQ(as_hex(std::span(run.sent).first(14)), "7F 43 BC 00 00 00 31 CE 08 00 00 00 08 EF");
     EXPECT_EQ(as_hex(std::span(run.sent).last(10).first(8)), "31 CE 08 00 00 F0 F8 00");
 }
