@@ -6,6 +6,8 @@
 #include "app_loader.h"
 #include "core/support_table.h"
 #include "hd8xx0_module.h"
+#include "sta8100_module.h"
+#include "teseo_chip.h"
 #include "upgrade_agent.h"
 
 namespace orbix::sim {
@@ -21,6 +23,18 @@ std::unique_ptr<Model> make_hd8xx0(std::string_view name) {
     return std::make_unique<Hd8xx0Module>(Hd8xx0Module::Settings{.variant = hd8xx0_variant(name)});
 }
 
+std::unique_ptr<Model> make_sta8100(std::string_view name) {
+    return std::make_unique<Sta8100Module>(name);
+}
+
+std::unique_ptr<Model> make_sta8089(std::string_view /*name*/) {
+    return std::make_unique<TeseoChip>(TeseoChip::sta8089());
+}
+
+std::unique_ptr<Model> make_sta9100(std::string_view /*name*/) {
+    return std::make_unique<TeseoChip>(TeseoChip::sta9100());
+}
+
 /// One maker per row of the table of models, in its order; null where nothing is simulated yet.
 using Maker = std::unique_ptr<Model> (*)(std::string_view name);
 constexpr std::array<Maker, 12> makers{
@@ -31,9 +45,9 @@ constexpr std::array<Maker, 12> makers{
     nullptr,             // monitor, first variant
     nullptr,             // monitor, second variant
     nullptr,             // RX7040
-    nullptr,             // STA8100
-    nullptr,             // STA9100
-    nullptr,             // STA8089
+    make_sta8100,        // STA8100
+    make_sta9100,        // STA9100
+    make_sta8089,        // STA8089
     nullptr,             // ZPX710P
     make<UpgradeAgent>,  // RTA500C
 };

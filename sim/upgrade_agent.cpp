@@ -15,6 +15,8 @@ constexpr std::uint8_t command_packet = 0x04;
 /// A frame that stops half-way is given up after this silence.
 constexpr Micros frame_timeout = milliseconds(200);
 
+constexpr Micros answer_pause = milliseconds(100);
+
 constexpr std::uint32_t mebibyte = 0x100000;
 
 std::vector<std::uint8_t> big_endian_words(std::initializer_list<std::uint32_t> words) {
@@ -87,7 +89,7 @@ void UpgradeAgent::receive(std::uint8_t byte, Micros now, Wire& wire) {
     }
     last_byte_ = now;
     if (!reader_.in_frame()) {
-        hear_sync(byte, wire);
+        hear_sync(byte, now, wire);
     }
     if (state_ != State::upgrading) {
         return;
@@ -115,11 +117,19 @@ void UpgradeAgent::wake(Micros now, Wire& wire) {
         AgentStatus::timeout, 0, wire);
 }
 
-void UpgradeAgent::hear_sync(std::uint8_t byte, Wire& wire) {
+void UpgradeAgent::hear_sync(std::uint8_t byte, Micros now, Wire& wire) {
     const SyncEvent probe = sync_.push(byte);
-    if (probe == SyncEvent::none ||
-        (probe == SyncEvent::second_probe && state_ != State::half_caught)) {
+    const bool half_caught = state_ == State::half_caught;
+    if (probe == SyncEvent::none || (probe == SyncEvent::second_probe && !half_caught)) {
         return;
+    }
+    // The tool repeats the first probe quickly: while its second one may be under way, another
+    // first answer would be taken for the second.
+    if (probe == SyncEvent::first_probe) {
+        if (half_caught && now - answered_at_ < answer_pause) {
+            return;
+        }
+        answered_at_ = now;
     }
     talker_.fall_silent();
     const auto& words = probe == SyncEvent::first_probe ? sync_first_answer : sync_second_answer;

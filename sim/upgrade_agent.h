@@ -76,7 +76,7 @@ class UpgradeAgent : public Model {
     enum class State : std::uint8_t { running, half_caught, upgrading };
 
     void forget_upgrade();
-    void hear_sync(std::uint8_t byte, Wire& wire);
+    void hear_sync(std::uint8_t byte, Micros now, Wire& wire);
     AgentStatus execute(const UpgradeFrame& frame, Micros& duration);
     AgentStatus take_information(const UpgradeFrame& frame);
     AgentStatus take_packet(const UpgradeFrame& frame);
@@ -89,6 +89,7 @@ class UpgradeAgent : public Model {
     State state_ = State::running;
     Micros listens_at_ = 0;
     SyncListener sync_;
+    Micros answered_at_ = 0;  ///< the first probe
     UpgradeFrameReader reader_;
     Micros last_byte_ = 0;
     const AgentArea* area_ = nullptr;  ///< chosen by the first command

@@ -3,6 +3,9 @@
 #include "families/hd8xx0.h"
 #include "families/not_built.h"
 #include "teseo/rta500c.h"
+#include "teseo/sta8089.h"
+#include "teseo/sta8100.h"
+#include "teseo/sta9100.h"
 #include "upgrade/ag3352.h"
 
 namespace orbix {

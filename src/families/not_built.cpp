@@ -53,24 +53,6 @@ int rx7040_entry(int /*argc*/, char** /*argv*/) {
 }
 }  // namespace rx7040
 
-namespace sta8100 {
-int sta8100_upgrade(int /*argc*/, char** /*argv*/) {
-    return not_built("sta8100_upgrade");
-}
-}  // namespace sta8100
-
-namespace sta9100 {
-int sta9100_upgrade(int /*argc*/, char** /*argv*/) {
-    return not_built("sta9100_upgrade");
-}
-}  // namespace sta9100
-
-namespace sta8089 {
-int sta8089_upgrade(int /*argc*/, char** /*argv*/) {
-    return not_built("sta8089_upgrade");
-}
-}  // namespace sta8089
-
 namespace zpx710p {
 int zpx710p_entry(int /*argc*/, char** /*argv*/) {
     return not_built("zpx710p_entry");

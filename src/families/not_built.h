@@ -19,18 +19,6 @@ namespace orbix::rx7040 {
 int rx7040_entry(int argc, char** argv);
 }  // namespace orbix::rx7040
 
-namespace orbix::sta8100 {
-int sta8100_upgrade(int argc, char** argv);
-}  // namespace orbix::sta8100
-
-namespace orbix::sta9100 {
-int sta9100_upgrade(int argc, char** argv);
-}  // namespace orbix::sta9100
-
-namespace orbix::sta8089 {
-int sta8089_upgrade(int argc, char** argv);
-}  // namespace orbix::sta8089
-
 namespace orbix::zpx710p {
 int zpx710p_entry(int argc, char** argv);
 }  // namespace orbix::zpx710p
