@@ -51,10 +51,14 @@ Mix mix(std::size_t step, std::uint32_t b, std::uint32_t c, std::uint32_t d) {
 }
 
 void hash_block(std::array<std::uint32_t, 4>& state, std::span<const std::uint8_t> block) {
+    std::array<std::uint32_t, 16> words{};
+    for (std::size_t index = 0; index < words.size(); ++index) {
+        words[index] = get_le32(block.subspan(4 * index));
+    }
     auto [a, b, c, d] = state;
     for (std::size_t step = 0; step < 64; ++step) {
         const auto [value, word] = mix(step, b, c, d);
-        const std::uint32_t sum = a + value + sine_table[step] + get_le32(block.subspan(4 * word));
+        const std::uint32_t sum = a + value + sine_table[step] + words[word];
         a = d;
         d = c;
         c = b;

@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -41,13 +42,11 @@ void check_image(std::span<const std::uint8_t> image, UpdateMode mode) {
     constexpr std::size_t left_out = 65'536;
     const std::size_t in_front = mode == UpdateMode::all_user ? left_out : 0;
     // The digest and what is left out stand in front of the image, in the same buffer.
-    const auto* const content = image.data() - in_front;
+    const std::uint8_t* const content = image.data() - in_front;
     std::array<std::uint8_t, 16> digest{};
     orbix::hd8xx0::ComputeHash({content, image.size() + in_front}, digest);
-    for (std::size_t index = 0; index < digest.size(); ++index) {
-        if (content[index - digest.size()] != digest[index]) {
-            std::abort();
-        }
+    if (!std::equal(digest.begin(), digest.end(), content - digest.size())) {
+        std::abort();
     }
 }
 
@@ -60,11 +59,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!file.hold(data, size)) {
         std::abort();
     }
-    for (const UpdateMode mode : {UpdateMode::user, UpdateMode::all_user}) {
-        std::span<const std::uint8_t> image;
-        if (orbix::hd8xx0::uzip_cyfm(file.path().c_str(), image, mode) == 0) {
-            check_image(image, mode);
-        }
+    // A failed unpack has the digest of the whole buffer taken: one mode at a time is enough.
+    const UpdateMode mode = size % 2 == 0 ? UpdateMode::user : UpdateMode::all_user;
+    std::span<const std::uint8_t> image;
+    if (orbix::hd8xx0::uzip_cyfm(file.path().c_str(), image, mode) == 0) {
+        check_image(image, mode);
     }
     return 0;
 }
