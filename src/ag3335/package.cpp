@@ -64,6 +64,15 @@ std::string content_of(FirmwareFile& file) {
     return text;
 }
 
+/// A text without a number leaves the address as it is.
+void take_address(const std::string& text, std::uint32_t& address) {
+    char* end = nullptr;
+    const unsigned long value = std::strtoul(text.c_str(), &end, 16);
+    if (end != text.c_str()) {
+        address = static_cast<std::uint32_t>(value);
+    }
+}
+
 Layout parse_layout(std::string_view text) {
     Layout layout;
     Lines lines(text);
@@ -81,8 +90,7 @@ Layout parse_layout(std::string_view text) {
             entry.file = without_line_end(value).substr(0, longest_file_name);
         }
         if (value_of(line, "begin_address:", 17, value)) {
-            entry.begin_address =
-                static_cast<std::uint32_t>(std::strtoul(std::string(value).c_str(), nullptr, 16));
+            take_address(std::string(value), entry.begin_address);
         }
     }
     if (layout.entries.size() > most_images) {

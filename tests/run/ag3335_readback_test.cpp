@@ -79,7 +79,7 @@ class Ag3335ReadbackBase : public ::testing::Test {
     }
 
     /// Changes an answer of one kind, the first `times` times.
-    void tamper(BootAnswer kind, unsigned times, std::function<void(Bytes& bytes)> change) {
+    void tamper(BootAnswer kind, unsigned times, const std::function<void(Bytes& bytes)>& change) {
         module.boot.voice.tamper = [=](BootAnswer which, unsigned number, Bytes& bytes) {
             if (which == kind && number < times) {
                 change(bytes);

@@ -15,6 +15,7 @@ using sim::BootAnswer;
 
 constexpr std::size_t agent_size = 43956;
 constexpr std::size_t formatted = 0x1F8000;
+constexpr std::ptrdiff_t block_size = 4096;
 
 const std::string failed = " Flash upgrade failed";
 const std::string invalid_example =
@@ -442,7 +443,7 @@ TEST_F(Ag3352Download, EraseThatFailsEndsTheRun) {
 
 /// A refused block is not sent again: the following one goes to the same address.
 TEST_F(Ag3352Download, RefusedBlocksAreSkipped) {
-    use({{"app.bin", 0x08010000, random_image(6 * 4096)}});
+    use({{"app.bin", 0x08010000, random_image(6 * block_size)}});
     module.boot.voice.flash_fails = [](BootAnswer which, unsigned number) {
         return which == BootAnswer::write_block && (number == 1 || number == 3);
     };
@@ -452,16 +453,16 @@ TEST_F(Ag3352Download, RefusedBlocksAreSkipped) {
     EXPECT_EQ(result.count("[ERROR] status_response 0x03 error resend -- 2\n"), 1U);
     EXPECT_EQ(module.boot.voice.count(BootAnswer::write_block), 6U);
     Bytes expected;
-    for (const int block : {0, 2, 4, 5}) {
-        const auto begin = images[0].content.begin() + block * 4096;
-        expected.insert(expected.end(), begin, begin + 4096);
+    for (const std::ptrdiff_t block : {0, 2, 4, 5}) {
+        const auto begin = images[0].content.begin() + block * block_size;
+        expected.insert(expected.end(), begin, begin + block_size);
     }
     const auto held = module.flash().read(0x08010000, expected.size());
     EXPECT_TRUE(std::equal(held.begin(), held.end(), expected.begin()));
 }
 
 TEST_F(Ag3352Download, ThirdRefusalEndsTheImage) {
-    use({{"app.bin", 0x08010000, random_image(8 * 4096)}});
+    use({{"app.bin", 0x08010000, random_image(8 * block_size)}});
     module.boot.voice.flash_fails = [](BootAnswer which, unsigned number) {
         return which == BootAnswer::write_block && number >= 1;
     };
@@ -474,8 +475,8 @@ TEST_F(Ag3352Download, ThirdRefusalEndsTheImage) {
 }
 
 TEST_F(Ag3352Download, RefusalsAreCountedForEachImage) {
-    use({{"one.bin", 0x08010000, random_image(4 * 4096, 1)},
-         {"two.bin", 0x08020000, random_image(4 * 4096, 2)}});
+    use({{"one.bin", 0x08010000, random_image(4 * block_size, 1)},
+         {"two.bin", 0x08020000, random_image(4 * block_size, 2)}});
     module.boot.voice.flash_fails = [](BootAnswer which, unsigned number) {
         return which == BootAnswer::write_block &&
                (number == 0 || number == 1 || number == 4 || number == 5);
@@ -488,7 +489,7 @@ TEST_F(Ag3352Download, RefusalsAreCountedForEachImage) {
 
 TEST_F(Ag3352Download, AddressOfTheAnswerIsCompared) {
     // The first block leaves the cells erased, so that the second one can take its place.
-    Bytes image = random_image(3 * 4096);
+    Bytes image = random_image(3 * block_size);
     std::fill_n(image.begin(), 4096, std::uint8_t{0xFF});
     use({{"app.bin", 0x08010000, image}});
     module.boot.voice.tamper = [](BootAnswer which, unsigned number, Bytes& bytes) {

@@ -65,7 +65,7 @@ class Ag3352Readback : public ::testing::Test {
     }
 
     /// Answers a read with something else, for the first `times` reads.
-    void tamper_reads(unsigned times, std::function<void(Bytes& bytes)> change) {
+    void tamper_reads(unsigned times, const std::function<void(Bytes& bytes)>& change) {
         module.boot.voice.tamper = [=](BootAnswer which, unsigned number, Bytes& bytes) {
             if (which == BootAnswer::read_block && number < times) {
                 change(bytes);

@@ -1,6 +1,7 @@
 // Options that take a list, and numbers in hexadecimal.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -12,10 +13,9 @@ namespace {
 /// What a scan finds: each letter with its list, as "a:1,2".
 std::vector<std::string> scan_lists(std::vector<std::string> words, const char* letters) {
     words.insert(words.begin(), "orbix_flash");
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
+    std::vector<char*> argv(words.size());
+    std::transform(words.begin(), words.end(), argv.begin(),
+                   [](std::string& word) { return word.data(); });
     std::vector<std::string> found;
     OptionScan scan(static_cast<int>(argv.size()), argv.data(), letters);
     for (int letter = scan.next(); letter != -1; letter = scan.next()) {
