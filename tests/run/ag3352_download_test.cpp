@@ -603,7 +603,9 @@ TEST_F(Ag3352Download, DebugDumpsTheTraffic) {
 
 /// The port vanishes at any time: the run ends by itself.
 TEST_F(Ag3352Download, UnpluggedAnywhere) {
-    const std::uint64_t whole = run({}, "921600").duration_ms - 2100;
+    const ToolRun whole_run = run({}, "921600");
+    ASSERT_EQ(whole_run.result(), upgrade_success);
+    const std::uint64_t whole = whole_run.duration_ms - 2100;
     for (std::uint64_t time = 1; time < whole; time += 173) {
         const ToolRun result = run(unplugged_after_ms(time), "921600");
         EXPECT_EQ(result.result(), upgrade_failure(-1)) << time;

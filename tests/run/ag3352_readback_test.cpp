@@ -441,7 +441,9 @@ TEST_F(Ag3352Readback, SendAgentFailureCarriesItsCodeAtTheSlowRate) {
 
 TEST_F(Ag3352Readback, UnpluggedAnywhere) {
     const auto words = region_lists(regions_in(folder, 4));
-    const std::uint64_t whole = run(words).duration_ms;
+    const ToolRun whole_run = run(words);
+    ASSERT_EQ(whole_run.result(), readback_success);
+    const std::uint64_t whole = whole_run.duration_ms;
     for (std::uint64_t time = 1; time < whole; time += 61) {
         const ToolRun result = run(words, unplugged_after_ms(time));
         EXPECT_EQ(result.result(), readback_failure(-1)) << time;
