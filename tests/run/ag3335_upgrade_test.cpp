@@ -81,7 +81,8 @@ struct Upgrade {
     }
     [[nodiscard]] bool flash_is(const Bytes& expected) {
         const auto cells = module.flash().cells();
-        return std::equal(cells.begin(), cells.end(), expected.begin(), expected.end());
+        return cells.size() == expected.size() &&
+               std::memcmp(cells.data(), expected.data(), cells.size()) == 0;
     }
 };
 
@@ -248,7 +249,7 @@ TEST_P(Ag3335UpgradeSizes, FlashHoldsTheImageAndNothingElse) {
     EXPECT_TRUE(run.progress_lines().back().starts_with("[SPEED] " + bytes + "/" + bytes));
 }
 
-INSTANTIATE_TEST_SUITE_P(Images, Ag3335UpgradeSizes,
+INSTANTIATE_TEST_SUITE_P(Ag3335, Ag3335UpgradeSizes,
                          ::testing::Combine(::testing::Values(old_agent_size, new_agent_size),
                                             ::testing::Values(1, 4095, 4096, 4097, 5000, 8192,
                                                               8193)));
@@ -262,7 +263,7 @@ TEST_P(Ag3335UpgradeAgents, WholePackageAtAHighRate) {
     upgrade.dirty_flash();
     upgrade.images = {{"partition_table.bin", flash_base, random_image(4096)},
                       {"bootloader.bin", flash_base + 0x3000, random_image(36'420, 2)},
-                      {"TR40XBANR01A01S.bin", flash_base + 0x13000, random_image(412'345, 3)},
+                      {"TR40XBANR01A01S.bin", flash_base + 0x13000, random_image(150'345, 3)},
                       {"gnss_config.bin", flash_base + 0x3D0000, random_image(1204, 4)}};
     const ToolRun run = upgrade.run({"-l", "921600"});
     EXPECT_EQ(run.result(), upgrade_success);
@@ -272,7 +273,7 @@ TEST_P(Ag3335UpgradeAgents, WholePackageAtAHighRate) {
     EXPECT_EQ(run.closes, 1);
 }
 
-INSTANTIATE_TEST_SUITE_P(Agents, Ag3335UpgradeAgents,
+INSTANTIATE_TEST_SUITE_P(Ag3335, Ag3335UpgradeAgents,
                          ::testing::Values(old_agent_size, new_agent_size));
 
 TEST(Ag3335Upgrade, WholeOutputOfARunWithAnOldAgent) {
@@ -424,7 +425,7 @@ TEST_P(Ag3335AgentSizes, TellTheKindOfAgent) {
     EXPECT_EQ(run.count(GetParam().old ? "Sync Da...\n" : "Sync New Da...\n"), 1U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Sizes, Ag3335AgentSizes,
+INSTANTIATE_TEST_SUITE_P(Ag3335, Ag3335AgentSizes,
                          ::testing::Values(AgentSize{27895, true}, AgentSize{28107, true},
                                            AgentSize{27894, false}, AgentSize{27896, false},
                                            AgentSize{28106, false}, AgentSize{28108, false},
@@ -653,6 +654,7 @@ TEST_P(Ag3335FormatLength, FollowsModelFolderAndOption) {
     const Lines more = expected.type_given ? Lines{"-t", "0"} : Lines{};
     for (const bool old : {true, false}) {
         Upgrade upgrade(old ? old_agent_size : new_agent_size);
+        upgrade.images.clear();
         upgrade.dirty_flash();
         upgrade.model = expected.model;
         const std::string package = upgrade.folder.path(expected.folder);
@@ -664,12 +666,7 @@ TEST_P(Ag3335FormatLength, FollowsModelFolderAndOption) {
         const ToolRun run(upgrade.module, arguments);
         EXPECT_EQ(run.result(), upgrade_success);
         const std::uint32_t length = old ? expected.by_old_agent : expected.by_new_agent;
-        const auto cells = upgrade.module.flash().cells();
-        const auto erased =
-            static_cast<std::uint32_t>(std::find(cells.begin(), cells.end(), 0x00) - cells.begin());
-        EXPECT_EQ(erased, length);
-        EXPECT_TRUE(std::all_of(cells.begin() + erased, cells.end(),
-                                [](std::uint8_t cell) { return cell == 0x00; }));
+        EXPECT_TRUE(upgrade.flash_is(upgrade.expected_flash(length)));
         if (old) {
             Bytes command = hex("D4 00 08 00 00 00");
             append(command, be32(length));
@@ -684,7 +681,7 @@ TEST_P(Ag3335FormatLength, FollowsModelFolderAndOption) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Cases, Ag3335FormatLength,
+    Ag3335, Ag3335FormatLength,
     ::testing::Values(FormatLength{"TR40XBA", "fw", false, 0x3E0000, 0x3E0000},
                       FormatLength{"TR71KXM", "fw", false, 0x3E0000, 0x400000},
                       FormatLength{"TR71LXM", "TR41XBA_v1", false, 0x400000, 0x400000},
@@ -1482,7 +1479,7 @@ class Ag3335Package : public ::testing::TestWithParam<std::size_t> {
     Upgrade upgrade;
 };
 
-INSTANTIATE_TEST_SUITE_P(Agents, Ag3335Package, ::testing::Values(old_agent_size, new_agent_size));
+INSTANTIATE_TEST_SUITE_P(Ag3335, Ag3335Package, ::testing::Values(old_agent_size, new_agent_size));
 
 TEST_P(Ag3335Package, AllImagesAreSentInLayoutOrder) {
     std::swap(upgrade.images[1], upgrade.images[3]);
