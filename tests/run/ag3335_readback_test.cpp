@@ -436,7 +436,7 @@ TEST_P(Ag3335ReadbackAnswers, StepAndDriverTellWhatFailed) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Steps, Ag3335ReadbackAnswers,
+    Ag3335, Ag3335ReadbackAnswers,
     ::testing::Values(
         Spoilt{BootAnswer::start_0a, "[ERROR] ag3335_handshake serial_read 0x5F fail",
                "handshake error"},

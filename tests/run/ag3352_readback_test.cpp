@@ -425,7 +425,7 @@ TEST_P(Ag3352ReadbackAnswers, DriverAloneTellsWhichStepFailed) {
     EXPECT_EQ(failure_lines(one_region()), (Lines{error(GetParam().line)}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Steps, Ag3352ReadbackAnswers,
+INSTANTIATE_TEST_SUITE_P(Ag3352, Ag3352ReadbackAnswers,
                          ::testing::Values(Spoilt{BootAnswer::start_50, "handshake error"},
                                            Spoilt{BootAnswer::write_value,
                                                   "disable_module_WDT error"},
