@@ -80,6 +80,7 @@ void Ag3352Module::power_on(Micros now, Wire& wire) {
     app_loader_caught_ = false;
     boot.voice.forget();
     boot.reset();
+    baud = start_baud;  // the application's boot loader may have another rate
     app_loader.power_on(now, wire);
     listens_at_ = now + settings_.reset_pressed_after;
 }

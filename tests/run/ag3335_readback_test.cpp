@@ -436,7 +436,7 @@ TEST_P(Ag3335ReadbackAnswers, StepAndDriverTellWhatFailed) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Steps, Ag3335ReadbackAnswers,
+    Ag3335, Ag3335ReadbackAnswers,
     ::testing::Values(
         Spoilt{BootAnswer::start_0a, "[ERROR] ag3335_handshake serial_read 0x5F fail",
                "handshake error"},
@@ -466,7 +466,9 @@ TEST_F(Ag3335Readback, WriteThatSendsNothingEndsTheRegion) {
 
 TEST_F(Ag3335Readback, UnpluggedAnywhere) {
     const auto words = one_region("0x4000");
-    const std::uint64_t whole = run(words).duration_ms;
+    const ToolRun whole_run = run(words);
+    ASSERT_EQ(whole_run.result(), readback_success);
+    const std::uint64_t whole = whole_run.duration_ms;
     for (std::uint64_t time = 1; time < whole; time += 397) {
         const ToolRun result = run(words, unplugged_after_ms(time));
         EXPECT_EQ(result.result(), readback_failure(-1)) << time;
@@ -560,7 +562,9 @@ TEST_F(Ag3335ReadbackNewAgent, FailedSyncHasTheLineOfTheOldAgent) {
 
 TEST_F(Ag3335ReadbackNewAgent, UnpluggedAnywhere) {
     const auto words = one_region("0x4000");
-    const std::uint64_t whole = run(words).duration_ms;
+    const ToolRun whole_run = run(words);
+    ASSERT_EQ(whole_run.result(), readback_success);
+    const std::uint64_t whole = whole_run.duration_ms;
     for (std::uint64_t time = 1; time < whole; time += 97) {
         const ToolRun result = run(words, unplugged_after_ms(time));
         EXPECT_EQ(result.result(), readback_failure(-1)) << time;

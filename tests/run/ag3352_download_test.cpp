@@ -168,7 +168,7 @@ TEST_P(Ag3352DownloadSizes, FlashHoldsThePackageAndNothingElse) {
     EXPECT_EQ(module.boot.voice.count(BootAnswer::write_block), 3 + (GetParam() + 4095) / 4096);
 }
 
-INSTANTIATE_TEST_SUITE_P(Images, Ag3352DownloadSizes,
+INSTANTIATE_TEST_SUITE_P(Ag3352, Ag3352DownloadSizes,
                          ::testing::Values(0, 1, 4095, 4096, 4097, 8192, 200'001));
 
 TEST_F(Ag3352Download, FastRateMovesBothSides) {
@@ -290,7 +290,7 @@ TEST_P(Ag3352DownloadAnswers, WrongShortOrMissingEndsTheRun) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Loader, Ag3352DownloadAnswers,
+    Ag3352, Ag3352DownloadAnswers,
     ::testing::Values(Spoilt{BootAnswer::start_0a, 0, "handshake error"},
                       Spoilt{BootAnswer::start_50, 0, "handshake error"},
                       Spoilt{BootAnswer::start_05, 0, "handshake error"},
@@ -361,7 +361,7 @@ TEST_P(Ag3352DownloadWrites, WriteThatSendsNothingEndsTheRun) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Steps, Ag3352DownloadWrites,
+INSTANTIATE_TEST_SUITE_P(Ag3352, Ag3352DownloadWrites,
                          ::testing::Values(SilentWrite{1, 3, "handshake error"},
                                            SilentWrite{4, 11, "disable_module_WDT error"},
                                            SilentWrite{12, 13, "modify_baud_rate error"},
@@ -422,7 +422,7 @@ TEST_P(Ag3352DownloadQueries, OnlyTheStatusCounts) {
     EXPECT_GT(silent.duration_ms, 3000U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Agent, Ag3352DownloadQueries,
+INSTANTIATE_TEST_SUITE_P(Ag3352, Ag3352DownloadQueries,
                          ::testing::Values(Query{BootAnswer::flash_address, 11},
                                            Query{BootAnswer::flash_size, 11},
                                            Query{BootAnswer::flash_id, 10}));
@@ -603,7 +603,9 @@ TEST_F(Ag3352Download, DebugDumpsTheTraffic) {
 
 /// The port vanishes at any time: the run ends by itself.
 TEST_F(Ag3352Download, UnpluggedAnywhere) {
-    const std::uint64_t whole = run({}, "921600").duration_ms - 2100;
+    const ToolRun whole_run = run({}, "921600");
+    ASSERT_EQ(whole_run.result(), upgrade_success);
+    const std::uint64_t whole = whole_run.duration_ms - 2100;
     for (std::uint64_t time = 1; time < whole; time += 173) {
         const ToolRun result = run(unplugged_after_ms(time), "921600");
         EXPECT_EQ(result.result(), upgrade_failure(-1)) << time;

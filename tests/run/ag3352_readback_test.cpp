@@ -425,7 +425,7 @@ TEST_P(Ag3352ReadbackAnswers, DriverAloneTellsWhichStepFailed) {
     EXPECT_EQ(failure_lines(one_region()), (Lines{error(GetParam().line)}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Steps, Ag3352ReadbackAnswers,
+INSTANTIATE_TEST_SUITE_P(Ag3352, Ag3352ReadbackAnswers,
                          ::testing::Values(Spoilt{BootAnswer::start_50, "handshake error"},
                                            Spoilt{BootAnswer::write_value,
                                                   "disable_module_WDT error"},
@@ -441,7 +441,9 @@ TEST_F(Ag3352Readback, SendAgentFailureCarriesItsCodeAtTheSlowRate) {
 
 TEST_F(Ag3352Readback, UnpluggedAnywhere) {
     const auto words = region_lists(regions_in(folder, 4));
-    const std::uint64_t whole = run(words).duration_ms;
+    const ToolRun whole_run = run(words);
+    ASSERT_EQ(whole_run.result(), readback_success);
+    const std::uint64_t whole = whole_run.duration_ms;
     for (std::uint64_t time = 1; time < whole; time += 61) {
         const ToolRun result = run(words, unplugged_after_ms(time));
         EXPECT_EQ(result.result(), readback_failure(-1)) << time;

@@ -255,6 +255,14 @@ TEST(Ag33xxModels, Ag3352TellsItsLoadersApart) {
     EXPECT_EQ(talk.say("09 13 56 4B"), "") << "caught by the ROM loader";
 }
 
+TEST(Ag33xxModels, Ag3352ApplicationLoaderMayHaveItsOwnRate) {
+    Ag3352Module module;
+    module.start_baud = 460800;
+    Talk talk(module);
+    EXPECT_EQ(module.baud, 460800U);
+    EXPECT_EQ(talk.say("09 13 56 4B"), "4D 3A FC AA");
+}
+
 TEST(Ag33xxModels, Ag3352ChangesItsRate) {
     Ag3352Module module;
     Talk talk(module);
