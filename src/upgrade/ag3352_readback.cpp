@@ -11,7 +11,8 @@ namespace orbix::ag3352 {
 
 namespace {
 
-/// Front ends rely on a 21st region, and on the order in which the lists may come with one.
+/// Kept as it has always been: a 21st region is taken, and the addresses that are there bound the
+/// sizes, so that 21 sizes have to stand before 21 addresses.
 constexpr readback::Rules rules{
     .largest_size = 0x200000,
     .most_regions = 21,
