@@ -1,7 +1,6 @@
 // The HD8xx0 family, end to end: options and packages, the boot loader, the running firmware, and
 // the two processors of a dual-processor module.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <cstring>
 
@@ -232,6 +231,7 @@ TEST_F(Hd8xx0Entry, DebugTurnsTheDumpsOn) {
     EXPECT_EQ(run.result(), upgrade_success);
     EXPECT_EQ(run.count("] debug mode\n"), 1U);
     EXPECT_EQ(run.count("[DEBUG] send to module -- < f1 d9 06 50 01 00 01 58 62 \n"), 1U);
+    EXPECT_EQ(run.count("[DEBUG] send to module -- < 04 \n"), 1U);
 }
 
 TEST_F(Hd8xx0Entry, ModeWordsAreComparedByTheirBeginnings) {

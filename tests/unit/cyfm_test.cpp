@@ -2,7 +2,8 @@
 #include "families/cyfm.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+
+#include <filesystem>
 
 #include "core/kv_log.h"
 #include "cyfm_package.h"
@@ -194,6 +195,15 @@ TEST_F(Cyfm, PackageOfMoreThan512000BytesIsIncorrect) {
     EXPECT_NE(unpacked.log.find("[ERROR] [uzip_cyfm 289]cyfm file is incorrect\n"),
               std::string::npos);
     EXPECT_NE(unpacked.log.find("file size <512001>\n"), std::string::npos);
+}
+
+TEST_F(Cyfm, FileOfGigabytesIsIncorrect) {
+    const std::string path = folder_.write("huge", Bytes{});
+    std::filesystem::resize_file(path, 3'000'000'000);  // a sparse one
+    const Unpacked unpacked = unpack(path.c_str());
+    EXPECT_EQ(unpacked.result, -1);
+    EXPECT_NE(unpacked.log.find("[ERROR] [uzip_cyfm 289]cyfm file is incorrect\n"),
+              std::string::npos);
 }
 
 TEST_F(Cyfm, UnreadableFileGoesOnToTheDigestCheckWithNothing) {
