@@ -1,5 +1,7 @@
 #include "korvane_frames.h"
 
+#include <algorithm>
+
 namespace orbix::sim {
 
 namespace {
@@ -53,13 +55,14 @@ std::optional<KorvaneFrame> KorvaneReader::push(std::uint8_t byte) {
 
 std::vector<std::uint8_t> make_korvane_frame(std::uint8_t frame_class, std::uint8_t id,
                                              std::span<const std::uint8_t> payload) {
-    std::vector<std::uint8_t> frame{0xF1,
-                                    0xD9,
-                                    frame_class,
-                                    id,
-                                    static_cast<std::uint8_t>(payload.size() % 256),
-                                    static_cast<std::uint8_t>(payload.size() / 256)};
-    frame.insert(frame.end(), payload.begin(), payload.end());
+    std::vector<std::uint8_t> frame(6 + payload.size());
+    frame[0] = 0xF1;
+    frame[1] = 0xD9;
+    frame[2] = frame_class;
+    frame[3] = id;
+    frame[4] = static_cast<std::uint8_t>(payload.size() % 256);
+    frame[5] = static_cast<std::uint8_t>(payload.size() / 256);
+    std::copy(payload.begin(), payload.end(), frame.begin() + 6);
     append_checksum(frame);
     return frame;
 }
