@@ -2,6 +2,7 @@
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <stdexcept>
@@ -119,17 +120,22 @@ std::vector<std::uint8_t> gzip(std::span<const std::uint8_t> bytes) {
 
 std::vector<std::uint8_t> with_cyfm_header(std::span<const std::uint8_t> stream,
                                            std::uint16_t header_size) {
-    std::vector<std::uint8_t> package{'C', 'Y', static_cast<std::uint8_t>(header_size / 256),
-                                      static_cast<std::uint8_t>(header_size % 256)};
-    package.resize(package.size() + header_size, ' ');
-    package.insert(package.end(), stream.begin(), stream.end());
+    const std::size_t stream_offset = 4 + std::size_t{header_size};
+    std::vector<std::uint8_t> package(stream_offset + stream.size(), ' ');
+    package[0] = 'C';
+    package[1] = 'Y';
+    package[2] = static_cast<std::uint8_t>(header_size / 256);
+    package[3] = static_cast<std::uint8_t>(header_size % 256);
+    std::copy(stream.begin(), stream.end(),
+              package.begin() + static_cast<std::ptrdiff_t>(stream_offset));
     return package;
 }
 
 std::vector<std::uint8_t> with_digest(std::span<const std::uint8_t> content) {
     const auto digest = module_md5(content);
-    std::vector<std::uint8_t> bytes(digest.begin(), digest.end());
-    bytes.insert(bytes.end(), content.begin(), content.end());
+    std::vector<std::uint8_t> bytes(digest.size() + content.size());
+    const auto end_of_digest = std::copy(digest.begin(), digest.end(), bytes.begin());
+    std::copy(content.begin(), content.end(), end_of_digest);
     return bytes;
 }
 
@@ -139,8 +145,8 @@ std::vector<std::uint8_t> make_cyfm(std::span<const std::uint8_t> image,
 }
 
 std::vector<std::uint8_t> make_master_cyfm(std::span<const std::uint8_t> image) {
-    std::vector<std::uint8_t> content(leading_part_size, 0xFF);
-    content.insert(content.end(), image.begin(), image.end());
+    std::vector<std::uint8_t> content(leading_part_size + image.size(), 0xFF);
+    std::copy(image.begin(), image.end(), content.begin() + leading_part_size);
     return make_cyfm(content);
 }
 

@@ -1,5 +1,7 @@
 #include "korvane_frames.h"
 
+#include <algorithm>
+
 namespace orbix::sim {
 
 namespace {
@@ -53,13 +55,14 @@ std::optional<KorvaneFrame> KorvaneReader::push(std::uint8_t byte) {
 
 std::vector<std::uint8_t> make_korvane_frame(std::uint8_t frame_class, std::uint8_t id,
                                              std::span<const std::uint8_t> payload) {
-    std::vector<std::uint8_t> frame;
-    frame.reserve(payload.size() + 8);
-    for (const std::size_t byte : {std::size_t{0xF1}, std::size_t{0xD9}, std::size_t{frame_class},
-                                   std::size_t{id}, payload.size() % 256, payload.size() / 256}) {
-        frame.push_back(static_cast<std::uint8_t>(byte));
-    }
-    frame.insert(frame.end(), payload.begin(), payload.end());
+    std::vector<std::uint8_t> frame(6 + payload.size());
+    frame[0] = 0xF1;
+    frame[1] = 0xD9;
+    frame[2] = frame_class;
+    frame[3] = id;
+    frame[4] = static_cast<std::uint8_t>(payload.size() % 256);
+    frame[5] = static_cast<std::uint8_t>(payload.size() / 256);
+    std::copy(payload.begin(), payload.end(), frame.begin() + 6);
     append_checksum(frame);
     return frame;
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 
 #include "core/firmware_file.h"
@@ -47,8 +48,9 @@ int judge_cyfm_fw(const char* path, std::span<std::uint8_t> buffer, std::uint32_
     }
     FirmwareFile file(path);
     if (!file.is_open()) {
+        const bool too_large = errno == EFBIG;
         std::perror("fopen");
-        return 1;
+        return too_large ? -1 : 1;
     }
     const auto length = static_cast<std::size_t>(file.size());
     log_info("firmware name <%s>, file size <%d>\n", path, file.size());

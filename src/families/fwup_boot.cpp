@@ -33,11 +33,11 @@ constexpr auto query_flash = make_frame(0xF4, 0x07, 0x02);
 constexpr auto flash_id = make_frame(0xF4, 0x07, 0x00, 0x0A, 0x01, 0x18);
 constexpr auto flash_setting = make_frame(0xF4, 0x08, 0x00, 0x02, 0x00, 0x80);
 constexpr auto flash_command = make_frame(0xF4, 0x13, 0x00, 0x00, 0x02, 0x00, 0x00);
-constexpr auto second_flash_command = make_frame(0xF4, 0x20, 0x05);
-constexpr auto second_flash_setting = make_frame(0xF4, 0x08, 0xFF, 0xFF, 0x4F, 0x00);
+constexpr auto flash_command_2 = make_frame(0xF4, 0x20, 0x05);
+constexpr auto flash_setting_2 = make_frame(0xF4, 0x08, 0xFF, 0xFF, 0x4F, 0x00);
 constexpr auto setting_acknowledged = ack_of(0xF4, 0x08);
 constexpr auto command_acknowledged = ack_of(0xF4, 0x13);
-constexpr auto second_command_acknowledged = ack_of(0xF4, 0x20);
+constexpr auto command_2_acknowledged = ack_of(0xF4, 0x20);
 constexpr auto query_refused = nak_of(0x00, 0x00);
 constexpr auto command_refused = nak_of(0xF4, 0x13);
 
@@ -53,8 +53,8 @@ constexpr std::array<Exchange, 3> flash_setup_1{{
     {flash_command, command_acknowledged},
 }};
 constexpr std::array<Exchange, 2> flash_setup_2{{
-    {second_flash_command, second_command_acknowledged},
-    {second_flash_setting, setting_acknowledged},
+    {flash_command_2, command_2_acknowledged},
+    {flash_setting_2, setting_acknowledged},
 }};
 
 struct Chip {

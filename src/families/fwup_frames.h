@@ -67,13 +67,12 @@ class SequenceFinder {
     std::size_t matched_ = 0;
 };
 
-/// `size` bytes of the image from `offset` on; zeros for what lies behind its end.
-template <std::size_t size = block_size>
-std::array<std::uint8_t, size> image_block(std::span<const std::uint8_t> image,
-                                           std::size_t offset) {
-    std::array<std::uint8_t, size> block{};
+/// A block of the image from `offset` on; zeros for what lies behind its end.
+inline std::array<std::uint8_t, block_size> image_block(std::span<const std::uint8_t> image,
+                                                        std::size_t offset) {
+    std::array<std::uint8_t, block_size> block{};
     if (offset < image.size()) {
-        const std::size_t count = std::min(size, image.size() - offset);
+        const std::size_t count = std::min(block_size, image.size() - offset);
         std::copy_n(image.begin() + static_cast<std::ptrdiff_t>(offset), count, block.begin());
     }
     return block;

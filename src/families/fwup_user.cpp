@@ -134,7 +134,7 @@ int send_blocks(SerialHandle handle, std::span<const std::uint8_t> image) {
 
 /// Ends the file and the batch, in one go.
 int end_batch(SerialHandle handle) {
-    serial_write_byte(handle, xmodem::eot);
+    serial_write(handle, {&xmodem::eot, 1});
     serial_write(handle, xmodem::make_short_block(0, ShortData{}));
 
     struct ExpectedByte {

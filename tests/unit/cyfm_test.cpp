@@ -2,7 +2,8 @@
 #include "families/cyfm.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+
+#include <filesystem>
 
 #include "core/kv_log.h"
 #include "cyfm_package.h"
@@ -105,7 +106,7 @@ TEST_F(Cyfm, HeaderOneByteOffFailsTheDigestCheck) {
 TEST_F(Cyfm, TruncatedPackageIsRefusedWhereverItEnds) {
     const Bytes package = sim::make_cyfm(random_image(300));
     // The last 8 bytes are gzip's own check, which is not needed: the digest decides.
-    for (std::size_t size = 0; size + 9 < package.size(); size += size < 60 ? 1 : 13) {
+    for (std::size_t size = 0; size + 9 < package.size(); size += size < 60 ? 3 : 41) {
         expect_digest_failure(unpack_bytes(std::span(package).first(size)));
     }
 }
@@ -120,7 +121,7 @@ TEST_F(Cyfm, DamagedStreamIsRefusedWhereverTheDamageIs) {
     const Bytes package = sim::make_cyfm(random_image(300));
     constexpr std::size_t begin = 36;
     // The first byte behind gzip's head is left alone: it has padding bits, which carry nothing.
-    for (std::size_t at = begin + 11; at + 8 < package.size(); at += 73) {
+    for (std::size_t at = begin + 11; at + 8 < package.size(); at += 149) {
         Bytes damaged = package;
         damaged[at] = static_cast<std::uint8_t>(damaged[at] ^ 0x10U);
         expect_digest_failure(unpack_bytes(damaged));
@@ -194,6 +195,15 @@ TEST_F(Cyfm, PackageOfMoreThan512000BytesIsIncorrect) {
     EXPECT_NE(unpacked.log.find("[ERROR] [uzip_cyfm 289]cyfm file is incorrect\n"),
               std::string::npos);
     EXPECT_NE(unpacked.log.find("file size <512001>\n"), std::string::npos);
+}
+
+TEST_F(Cyfm, FileOfGigabytesIsIncorrect) {
+    const std::string path = folder_.write("huge", Bytes{});
+    std::filesystem::resize_file(path, 3'000'000'000);  // a sparse one
+    const Unpacked unpacked = unpack(path.c_str());
+    EXPECT_EQ(unpacked.result, -1);
+    EXPECT_NE(unpacked.log.find("[ERROR] [uzip_cyfm 289]cyfm file is incorrect\n"),
+              std::string::npos);
 }
 
 TEST_F(Cyfm, UnreadableFileGoesOnToTheDigestCheckWithNothing) {
