@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "core/firmware_file.h"
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 #include "families/gzip.h"
@@ -55,7 +56,7 @@ int judge_cyfm_fw(const char* path, std::span<std::uint8_t> buffer, std::uint32_
     const auto length = static_cast<std::size_t>(file.size());
     log_info("firmware name <%s>, file size <%d>\n", path, file.size());
     if (length > buffer.size()) {
-        std::fprintf(stderr, "hint: a firmware package has at most %zu bytes\n", buffer.size());
+        hints::give("a firmware package has at most %zu bytes\n", buffer.size());
         return -1;
     }
     size = static_cast<std::uint32_t>(file.read(buffer.first(length)));

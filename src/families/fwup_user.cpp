@@ -1,5 +1,6 @@
 #include <string>
 
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/xmodem_block.h"
 #include "families/fwup.h"
@@ -101,6 +102,7 @@ bool enter_upgrade_mode(SerialHandle handle) {
         log_error("SYNC time out 3000 ms\n");
         return false;
     }
+    hints::synchronised();
     constexpr std::array ready{xmodem::crc_request};
     return wait_for(handle, ready);
 }
