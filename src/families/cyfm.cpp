@@ -50,7 +50,7 @@ int judge_cyfm_fw(const char* path, std::span<std::uint8_t> buffer, std::uint32_
     FirmwareFile file(path);
     if (!file.is_open()) {
         const bool too_large = errno == EFBIG;
-        std::perror("fopen");
+        std::perror(errno == ESPIPE ? "fseek" : "fopen");
         return too_large ? -1 : 1;
     }
     const auto length = static_cast<std::size_t>(file.size());

@@ -117,7 +117,6 @@ bool announce_image(SerialHandle handle, std::size_t length) {
 /// The image in blocks from number 1 on; the last one, filled up, may be the only one.
 int send_blocks(SerialHandle handle, std::span<const std::uint8_t> image) {
     log_info("Send STX PKG...\n");
-    flash_tool_secs();  // the transfer's clock starts here
     std::uint32_t number = 1;
     std::size_t sent = 0;
     for (; image.size() - sent > block_size; ++number) {
