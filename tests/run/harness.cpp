@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <random>
 #include <stdexcept>
 
@@ -173,6 +174,21 @@ std::vector<std::string> ToolRun::progress_lines() const {
 std::string ToolRun::result() const {
     const auto all = lines();
     return all.empty() ? "" : all.back();
+}
+
+std::vector<sim::Micros> ToolRun::pauses() const {
+    std::vector<sim::Micros> found;
+    std::optional<sim::Micros> before;
+    for (const auto& byte : trace) {
+        if (byte.direction != sim::Direction::to_module) {
+            continue;
+        }
+        if (before && byte.time - *before > sim::milliseconds(1)) {
+            found.push_back(byte.time - *before);
+        }
+        before = byte.time;
+    }
+    return found;
 }
 
 std::size_t ToolRun::count(const std::string& text) const {

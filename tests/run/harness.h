@@ -101,6 +101,9 @@ class ToolRun {
     /// The last line: the result.
     [[nodiscard]] std::string result() const;
 
+    /// The silences of more than 1 ms between the bytes that the tool sent, in order.
+    [[nodiscard]] std::vector<sim::Micros> pauses() const;
+
     /// How often `text` stands in the output.
     [[nodiscard]] std::size_t count(const std::string& text) const;
 };
