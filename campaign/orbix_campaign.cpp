@@ -198,9 +198,8 @@ void run_all(const std::vector<const Scenario*>& table, const Options& options, 
         const std::uint64_t run = post->run;
         const Scenario& scenario = *table[run % table.size()];
         ++shared.tallies[run % table.size()].violated;
-        std::printf("VIOLATION %s %s seed %llu (no crash, no hang): the process ended with %s %d\n",
-                    scenario.family, scenario.mode,
-                    static_cast<unsigned long long>(options.seed + run),
+        std::printf("VIOLATION %s %s seed %s (no crash, no hang): the process ended with %s %d\n",
+                    scenario.family, scenario.mode, std::to_string(options.seed + run).c_str(),
                     WIFSIGNALED(status) ? "signal" : "status",
                     WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status));
         std::printf("%s", Workplace::clear_behind(process).c_str());
