@@ -369,6 +369,26 @@ constexpr Backend posix_backend{
 
 }  // namespace
 
+const char* port_remedy(int error) {
+    switch (error) {
+        case ENOENT:
+        case ENODEV:
+        case ENXIO:
+            return "there is no such port; see ls /dev/ttyUSB* /dev/ttyACM* /dev/ttyS*";
+        case EBUSY:
+            return "another program holds the port; fuser -v PORT names it";
+        case EACCES:
+        case EPERM:
+            return "you may not use the port; sudo usermod -a -G dialout $USER, and log in again";
+        case ENOTTY:
+        case EINVAL:
+        case EISDIR:
+            return "that is no serial port";
+        default:
+            return nullptr;
+    }
+}
+
 const Backend& native() {
     return posix_backend;
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/firmware_file.h"
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 #include "core/stm32_packets.h"
@@ -184,6 +185,7 @@ int Kv_Boot_Send_Firmware(SerialHandle handle, const char* firmware_path) {
     if (result != 0) {
         return result;
     }
+    hints::synchronised();
     result = identify(handle);
     if (result != 0) {
         return result;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/firmware_file.h"
+#include "core/hints.h"
 #include "core/image_crc.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
@@ -304,6 +305,7 @@ int Kv_Nmea_Sync_Module(SerialHandle handle, const SyncRules& rules) {
         serial_write(handle, upgrade::first_probe);
         const unsigned count = serial_read(handle, received, rules.read_timeout_ms);
         if (answer.found_in(std::span(received).first(count))) {
+            hints::synchronised();
             return send_second_probe(handle);
         }
         if (count != 0 || rules.pauses_after_silence) {
