@@ -85,6 +85,7 @@ ToolRun::ToolRun(Model& module, const std::vector<std::string>& arguments, Condi
     }
     opens = port.opens;
     closes = port.closes;
+    discards = port.discards;
     left_open = port.open;
     modem_events = port.modem_events;
     for (const auto& settings : port.settings_written) {

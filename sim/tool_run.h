@@ -42,6 +42,7 @@ class ToolRun {
     /// What the tool did with the port.
     int opens = 0;
     int closes = 0;
+    int discards = 0;  ///< of what was received and not read
     bool left_open = false;
     std::vector<VirtualPort::ModemEvent> modem_events;
     std::vector<unsigned> rates;  ///< each rate that was set, in order; repeats left out

@@ -86,6 +86,7 @@ struct VirtualPort::Access {
     static void discard_received(platform::Port /*handle*/) {
         active->advance(active->now);
         active->received_.clear();
+        ++active->discards;
     }
 
     static bool get_settings(platform::Port handle, platform::LineSettings& settings) {

@@ -56,6 +56,7 @@ class VirtualPort {
     int opens = 0;
     int closes = 0;
     int writes = 0;
+    int discards = 0;
     bool open = false;
     Micros now = start;
 

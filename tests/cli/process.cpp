@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -110,8 +111,14 @@ Finished Background::finish() {
         }
     }
     int status = 0;
-    waitpid(pid_, &status, 0);
+    rusage usage{};
+    wait4(pid_, &status, 0, &usage);
     pid_ = -1;
+    const auto seconds = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    };
+    finished.processor_seconds = seconds(usage.ru_utime) + seconds(usage.ru_stime);
+    finished.peak_kib = usage.ru_maxrss;
     finished.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     finished.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     return finished;

@@ -13,6 +13,8 @@ struct Finished {
     int signal = 0;
     std::string output;
     std::string errors;
+    double processor_seconds = 0;
+    long peak_kib = 0;  ///< of memory
 };
 
 /// Runs one of the built programs (or any, given by its path) to its end, in `folder` when one is
