@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 #include "run/harness.h"
 #include "teseo/ram_loaders.h"
@@ -370,6 +371,40 @@ TEST(Sta8089Recovery, WrongImageIsRefusedByItsCrc) {
     conditions.faults = {{.kind = sim::FaultKind::flip, .byte = 8 + 1 + 20 + 1 + 7, .amount = 1}};
     const ToolRun run(module, arguments(folder.write("app.bin", random_image(100))), conditions);
     EXPECT_EQ(run.count("[ERROR] ACK not expected [33]"), 1U);
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+}
+
+TEST(Sta8089Recovery, ImageThatVanishesIsNamed) {
+    const TempDir folder;
+    const std::string path = folder.write("app.bin", random_image(10));
+    TeseoChip module(quiet());
+    module.loader().tamper = [&path](TeseoStep step, Bytes& /*answer*/) {
+        if (step == TeseoStep::nvm_erased) {
+            std::filesystem::remove(path);
+        }
+    };
+    const ToolRun run(module, arguments(path));
+    Lines expected = joined(option_lines(path), loader_lines);
+    expected.resize(expected.size() - 3);
+    expected.push_back("[ERROR] Firmware " + path + " open failed.");
+    expected.emplace_back(image_failed);
+    EXPECT_EQ(run.family_lines(), expected);
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+    EXPECT_EQ(run.closes, 1);
+}
+
+TEST(Sta8089Recovery, ImageThatShrinksIsNoSuccess) {
+    const TempDir folder;
+    const std::string path = folder.write("app.bin", random_image(20'000));
+    TeseoChip module(quiet());
+    module.loader().tamper = [&path](TeseoStep step, Bytes& /*answer*/) {
+        if (step == TeseoStep::nvm_erased) {
+            std::filesystem::resize_file(path, 16384);
+        }
+    };
+    const ToolRun run(module, arguments(path));
+    EXPECT_EQ(run.count("[INFO]  Checking CRC...\n"), 1U) << "each piece was acknowledged";
+    EXPECT_EQ(run.count("[ERROR] ACK time out 30000 ms\n"), 1U);
     EXPECT_EQ(run.result(), upgrade_failure(-1));
 }
 
