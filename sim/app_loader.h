@@ -43,7 +43,8 @@ class AppLoader : public Model {
         std::uint32_t flash_base = 0x08000000;
         std::uint32_t flash_size = 2 * 1024 * 1024;
         std::uint32_t load_address = 0x08009000;
-        std::vector<Area> areas = {};  ///< empty: from the load address, which is announced, to the end
+        std::vector<Area> areas =
+            {};  ///< empty: from the load address, which is announced, to the end
         std::uint32_t fourth_word = 0;  ///< of the firmware information
         std::uint32_t largest_block = 4096;
         std::uint8_t reboot_mode = 2;

@@ -135,7 +135,7 @@ bool BatchReceiver::take_header(std::span<const std::uint8_t> data) {
     }
     name_.assign(data.begin(), end_of_name);
     const std::string length(end_of_name + 1, data.end());
-    if (length.front() < '0' || length.front() > '9') {
+    if (length[0] < '0' || length[0] > '9') {
         return false;
     }
     announced_ = std::strtoul(length.c_str(), nullptr, 10);

@@ -28,9 +28,22 @@ class Flash {
     /// Sets every byte, as a test's starting point.
     void fill(std::uint8_t value);
 
+    /// A part of the memory, from `begin` to before `end`.
+    struct Range {
+        std::uint32_t begin;
+        std::uint32_t end;
+    };
+
+    /// What was erased or programmed since the start, in order; neighbours are joined.
+    [[nodiscard]] const std::vector<Range>& touched() const { return touched_; }
+    void forget_touched() { touched_.clear(); }
+
   private:
+    void note(std::uint32_t address, std::size_t length);
+
     std::uint32_t base_;
     std::vector<std::uint8_t> cells_;
+    std::vector<Range> touched_;
 };
 
 }  // namespace orbix::sim

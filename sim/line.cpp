@@ -40,10 +40,6 @@ void Line::set_host_rate(unsigned baud, bool even_parity) {
     host_even_parity_ = even_parity;
 }
 
-Micros Line::byte_time(unsigned baud) const {
-    return settings_.paced && baud != 0 ? (10'000'000U + baud / 2) / baud : 0;
-}
-
 std::uint8_t Line::garbled() {
     return static_cast<std::uint8_t>(random_());
 }
@@ -53,7 +49,7 @@ Micros Line::send(std::span<const std::uint8_t> bytes, Micros now) {
     // Counted over the whole piece: a rounded byte time would add up.
     const Micros begun = at;
     for (std::size_t index = 0; index < bytes.size(); ++index) {
-        if (settings_.paced && host_baud_ != 0) {
+        if (!settings_.instant && host_baud_ != 0) {
             at = begun + (index + 1) * 10'000'000U / host_baud_;
         }
         enqueue(Direction::to_module, {at, bytes[index], host_baud_, host_even_parity_});

@@ -24,8 +24,10 @@ struct TracedByte {
 class Line {
   public:
     struct Settings {
-        /// Bytes take 10 bit times each; without it they take none.
+        /// The module's bytes take 10 bit times each; without it they take none.
         bool paced = true;
+        /// The tool's bytes take no time, for a tool that does not wait until its bytes have left.
+        bool instant = false;
         /// How many bytes of an answer arrive together, as from a USB adapter; 1 for a UART.
         std::size_t packet = 1;
         bool traced = true;
@@ -79,7 +81,6 @@ class Line {
     void deliver_to_module(const Transit& transit);
     void carry(Wire& wire, Micros now);
     void happen(const Fault& fault, Micros now);
-    [[nodiscard]] Micros byte_time(unsigned baud) const;
     std::uint8_t garbled();
     Lane& lane(Direction direction) {
         return direction == Direction::to_module ? to_module_ : to_host_;

@@ -18,26 +18,28 @@ using orbix::sim::PtySettings;
 constexpr int usage_error = 2;
 
 void print_help(std::FILE* out) {
-    std::fprintf(out,
-                 "orbix_sim: a simulated GNSS module on a pseudo-terminal\n"
-                 "\n"
-                 "Usage: orbix_sim MODEL [options]\n"
-                 "\n"
-                 "Prints the port to use as its first line, then serves the module of that name\n"
-                 "until it is stopped (Ctrl-C or SIGTERM). Each time the tool closes the port,\n"
-                 "the module restarts; its flash keeps what was written.\n"
-                 "\n"
-                 "  --link PATH    make a symbolic link to the port, and print that instead\n"
-                 "  --rate N       the rate at which the module starts (default 115200)\n"
-                 "  --pace         let bytes flow at the rate that the tool has set\n"
-                 "  --faults LIST  disturb the line, see below\n"
-                 "  --seed N       seed of everything random (default 1)\n"
-                 "  --dump FILE    write the whole flash to FILE at the end\n"
-                 "  --list         print the names of the simulated models\n"
-                 "  --help         print this text\n"
-                 "\n"
-                 "%s",
-                 orbix::sim::fault_grammar);
+    std::fprintf(
+        out,
+        "orbix_sim: a simulated GNSS module on a pseudo-terminal\n"
+        "\n"
+        "Usage: orbix_sim MODEL [options]\n"
+        "\n"
+        "Prints the port to use as its first line, then serves the module of that name\n"
+        "until it is stopped (Ctrl-C or SIGTERM). When the port has been closed for a\n"
+        "tenth of a second the module restarts; its flash keeps what was written.\n"
+        "\n"
+        "  --link PATH    make a symbolic link to the port, and print that instead\n"
+        "  --rate N       the rate at which the module starts (default 115200)\n"
+        "  --pace         let the module's bytes flow at the line's rate too, as the tool's do\n"
+        "  --instant      let bytes take no time, for programs that do not wait for the line\n"
+        "  --faults LIST  disturb the line, see below\n"
+        "  --seed N       seed of everything random (default 1)\n"
+        "  --dump FILE    write the whole flash to FILE at the end\n"
+        "  --list         print the names of the simulated models\n"
+        "  --help         print this text\n"
+        "\n"
+        "%s",
+        orbix::sim::fault_grammar);
 }
 
 void list_models() {
@@ -68,11 +70,22 @@ bool write_dump(const std::string& path, Model& model) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    enum Option : int { o_link = 1, o_rate, o_pace, o_faults, o_seed, o_dump, o_list, o_help };
+    enum Option : int {
+        o_link = 1,
+        o_rate,
+        o_pace,
+        o_instant,
+        o_faults,
+        o_seed,
+        o_dump,
+        o_list,
+        o_help
+    };
     const option long_options[] = {
         {"link", required_argument, nullptr, o_link},
         {"rate", required_argument, nullptr, o_rate},
         {"pace", no_argument, nullptr, o_pace},
+        {"instant", no_argument, nullptr, o_instant},
         {"faults", required_argument, nullptr, o_faults},
         {"seed", required_argument, nullptr, o_seed},
         {"dump", required_argument, nullptr, o_dump},
@@ -98,6 +111,9 @@ int main(int argc, char** argv) {
                 break;
             case o_pace:
                 settings.paced = true;
+                break;
+            case o_instant:
+                settings.instant = true;
                 break;
             case o_faults: {
                 std::string error;

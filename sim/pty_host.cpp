@@ -27,8 +27,10 @@ namespace {
 /// A USB adapter hands on what it received in pieces of this size.
 constexpr std::size_t adapter_packet = 64;
 
-/// How often a closed port is looked at.
+/// How often a closed port is looked at, and for how long it has to be closed until the module
+/// restarts: a run that closes its port to open it again keeps its module.
 constexpr Micros closed_poll = milliseconds(5);
+constexpr Micros closed_restart = milliseconds(100);
 
 volatile std::sig_atomic_t stop_requested = 0;
 
@@ -52,6 +54,9 @@ class Master {
         if (usable_) {
             cfmakeraw(&raw);
             tcsetattr(descriptor_, TCSANOW, &raw);
+            // Only a terminal that was open once reports that it is closed; what a module says into
+            // a closed port must not wait there for the tool.
+            close(open(ptsname(descriptor_), O_RDWR | O_NOCTTY | O_CLOEXEC));
         }
     }
     ~Master() {
@@ -164,11 +169,15 @@ int serve_on_pty(Model& model, const PtySettings& settings) {
     std::printf("%s\n", settings.link.empty() ? master.port().c_str() : settings.link.c_str());
     std::fflush(stdout);
 
-    Line line(
-        model, settings.faults,
-        {.paced = settings.paced, .packet = adapter_packet, .traced = false, .seed = settings.seed},
-        real_now());
+    Line line(model, settings.faults,
+              {.paced = settings.paced,
+               .instant = settings.instant,
+               .packet = adapter_packet,
+               .traced = false,
+               .seed = settings.seed},
+              real_now());
     bool in_use = false;
+    Micros last_open = real_now();
     while (stop_requested == 0 && !line.unplugged()) {
         const int events = wait_for_tool(master, line.next_event(), signals);
         const unsigned rate = terminal_rate(master.descriptor());
@@ -184,7 +193,7 @@ int serve_on_pty(Model& model, const PtySettings& settings) {
                 line.run_until(line.send(sent, real_now()));
             }
         } else if ((events & POLLHUP) != 0) {
-            if (in_use) {
+            if (in_use && real_now() - last_open > closed_restart) {
                 in_use = false;
                 line.power_cycle(real_now());
             }
@@ -194,7 +203,8 @@ int serve_on_pty(Model& model, const PtySettings& settings) {
             line.run_until(real_now());
             continue;
         }
-        line.run_until(real_now());
+        last_open = real_now();
+        line.run_until(last_open);
         master.write_all(line.take_arrived(real_now()));
     }
     return 0;

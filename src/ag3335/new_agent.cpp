@@ -5,6 +5,7 @@
 
 #include "ag3335/transfer_log.h"
 #include "core/firmware_file.h"
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 
@@ -111,7 +112,7 @@ bool write_block(SerialHandle handle, std::uint32_t address, std::span<const std
     sleep_ms(pause_ms);
     Reply reply{};
     if (serial_read_until(handle, reply, reply_ms) < reply.size()) {
-        std::fprintf(stderr, "hint: the agent did not answer the block for 0x%08x\n", address);
+        hints::give("the agent did not answer the block for 0x%08x\n", address);
         return false;
     }
     acknowledgement = {.status = reply[status_offset],
@@ -132,7 +133,7 @@ bool read_block(FirmwareFile& file, std::span<std::uint8_t> block) {
     if (file.read(block) == block.size()) {
         return true;
     }
-    std::fputs("hint: the image could not be read to its end\n", stderr);
+    hints::give("the image could not be read to its end\n");
     return false;
 }
 
@@ -191,8 +192,8 @@ bool write_last_block(Transfer& transfer) {
         return false;
     }
     if (answer.status != 0) {
-        std::fprintf(stderr, "hint: the agent refused the last block with status 0x%02x\n",
-                     unsigned{answer.status});
+        hints::give("the agent refused the last block with status 0x%02x\n",
+                    unsigned{answer.status});
         return false;
     }
     sleep_ms(settle_ms);

@@ -2,12 +2,12 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "ag3335/byte_functions.h"
 #include "ag3335/transfer_log.h"
 #include "core/firmware_file.h"
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 
@@ -27,34 +27,10 @@ constexpr int agent_chunk = 1024;
 constexpr Status register_accepted{.accepted = 0x0001, .shown = 0x0100};
 constexpr Status agent_accepted{.accepted = 0x0000, .shown = 0x0000};
 
-/// What came instead of the loader's answer.
-struct Heard {
-    int readable = 0;
-    int other = 0;
-
-    void take(std::uint8_t byte) {
-        const bool is_text = (byte >= 0x20 && byte < 0x7F) || byte == '\r' || byte == '\n';
-        ++(is_text ? readable : other);
-    }
-
-    /// Tells a person what may be wrong.
-    void give_hint() const {
-        if (readable == 0 && other == 0) {
-            std::fputs("hint: nothing arrived; is the module powered and was it reset?\n", stderr);
-        } else if (readable > other) {
-            std::fputs("hint: the module's firmware is running; reset it while the tool waits\n",
-                       stderr);
-        } else {
-            std::fputs("hint: what arrived is noise, as from a module at another rate\n", stderr);
-        }
-    }
-};
-
 /// Sends 0xA0 until the loader answers. Returns the attempts left, 0 when it never did.
 int catch_loader(SerialHandle handle) {
     constexpr std::uint8_t probe = 0xA0;
     constexpr std::uint8_t answer = 0x5F;
-    Heard heard;
     int attempts = 500;
     while (--attempts != 0) {
         serial_flush(handle);
@@ -63,16 +39,13 @@ int catch_loader(SerialHandle handle) {
         }
         sleep_ms(10);
         std::uint8_t received = 0;
-        const unsigned count = serial_read_until(handle, {&received, 1}, 60);
+        serial_read_until(handle, {&received, 1}, 60);
         if (received == answer) {
+            hints::synchronised();
             return attempts;
-        }
-        if (count != 0) {
-            heard.take(received);
         }
         sleep_ms(10);
     }
-    heard.give_hint();
     return 0;
 }
 

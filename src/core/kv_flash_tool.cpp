@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_uart.h"
 #include "core/options.h"
@@ -139,6 +140,7 @@ void report(bool readback, int result) {
 int flash_tool_main(int argc, char** argv) {
     kv_log_reset();
     kv_uart_reset();
+    hints::reset();
     requested_status.reset();
     log_info("%s %s %s\n", version, __DATE__, __TIME__);
     log_info("Enter flash tool \n");
@@ -161,6 +163,9 @@ int flash_tool_main(int argc, char** argv) {
     const int result = run_family(options, family_arguments(argc, argv));
     if (requested_status) {
         return *requested_status;
+    }
+    if (result != 0) {
+        hints::explain_failure();
     }
     report(options.readback, result);
     return 0;

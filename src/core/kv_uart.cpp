@@ -1,8 +1,10 @@
 #include "core/kv_uart.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 
@@ -53,6 +55,7 @@ unsigned timed_read(SerialHandle handle, std::span<std::uint8_t> buffer, unsigne
         count = 0;
     }
     const auto received = static_cast<unsigned>(count);
+    hints::received(buffer.first(received));
     dump_read(buffer.first(received));
     return received;
 }
@@ -82,13 +85,15 @@ unsigned set_line(SerialHandle handle, platform::ModemLine line, unsigned on) {
 SerialHandle serial_open(const char* name, unsigned baud) {
     const SerialHandle handle = platform::current().open(name);
     if (handle == no_port) {
+        const int reason = errno;
+        hints::port_not_opened(reason);
+        errno = reason;
         return no_port;
     }
+    hints::port_opened();
     vanished = no_port;
-    platform::LineSettings settings;
-    platform::current().get_settings(handle, settings);
-    settings = {.baud = baud};  // no parity, both control fields off
-    platform::current().set_settings(handle, settings);
+    // No parity, both control fields off.
+    platform::current().set_settings(handle, {.baud = baud});
     serial_CfgDTR(handle, dtr_state);
     serial_CfgRTS(handle, rts_state);
     return handle;

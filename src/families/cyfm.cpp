@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "core/firmware_file.h"
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 #include "families/gzip.h"
@@ -49,13 +50,14 @@ int judge_cyfm_fw(const char* path, std::span<std::uint8_t> buffer, std::uint32_
     FirmwareFile file(path);
     if (!file.is_open()) {
         const bool too_large = errno == EFBIG;
-        std::perror("fopen");
+        std::perror(errno == ESPIPE ? "fseek" : "fopen");
         return too_large ? -1 : 1;
     }
     const auto length = static_cast<std::size_t>(file.size());
     log_info("firmware name <%s>, file size <%d>\n", path, file.size());
     if (length > buffer.size()) {
-        std::fprintf(stderr, "hint: a firmware package has at most %zu bytes\n", buffer.size());
+        hints::give("a firmware package has at most %u bytes\n",
+                    static_cast<unsigned>(buffer.size()));
         return -1;
     }
     size = static_cast<std::uint32_t>(file.read(buffer.first(length)));

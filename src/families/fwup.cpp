@@ -1,7 +1,5 @@
 #include "families/fwup.h"
 
-#include <string_view>
-
 #include "core/kv_log.h"
 #include "families/fwup_frames.h"
 

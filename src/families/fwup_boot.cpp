@@ -1,3 +1,4 @@
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "families/fwup.h"
 #include "families/fwup_frames.h"
@@ -138,7 +139,11 @@ bool enter_boot_mode(SerialHandle handle, int boot_command_flag) {
     }
     change_rate(handle, boot_baud);
     serial_flush(handle);
-    return is_in_boot_mode(handle) == 0;
+    if (is_in_boot_mode(handle) != 0) {
+        return false;
+    }
+    hints::synchronised();
+    return true;
 }
 
 bool raise_rate(SerialHandle handle) {

@@ -1,5 +1,6 @@
 #include <string>
 
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/xmodem_block.h"
 #include "families/fwup.h"
@@ -101,6 +102,7 @@ bool enter_upgrade_mode(SerialHandle handle) {
         log_error("SYNC time out 3000 ms\n");
         return false;
     }
+    hints::synchronised();
     constexpr std::array ready{xmodem::crc_request};
     return wait_for(handle, ready);
 }
@@ -115,7 +117,6 @@ bool announce_image(SerialHandle handle, std::size_t length) {
 /// The image in blocks from number 1 on; the last one, filled up, may be the only one.
 int send_blocks(SerialHandle handle, std::span<const std::uint8_t> image) {
     log_info("Send STX PKG...\n");
-    flash_tool_secs();  // the transfer's clock starts here
     std::uint32_t number = 1;
     std::size_t sent = 0;
     for (; image.size() - sent > block_size; ++number) {

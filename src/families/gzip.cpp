@@ -3,6 +3,7 @@
 #define ZLIB_CONST
 #include <zlib.h>
 
+#include <algorithm>
 #include <array>
 
 namespace orbix::hd8xx0 {
@@ -73,20 +74,21 @@ bool has_more(Inflater& inflater, std::span<const std::uint8_t> src) {
 
 int gzDecompress(std::span<const std::uint8_t> src, std::span<std::uint8_t> dst,
                  std::uint32_t& dstLen) {
+    const auto room = dst.first(std::min<std::size_t>(dstLen, dst.size()));
     Inflater inflater;
     if (!inflater.begun()) {
         return -1;
     }
     int result = Z_OK;
-    while (result != Z_STREAM_END && inflater.total_out() < dst.size() &&
+    while (result != Z_STREAM_END && inflater.total_out() < room.size() &&
            inflater.total_in() < src.size()) {
-        result = step(inflater, src, &dst[inflater.total_out()]);
+        result = step(inflater, src, &room[inflater.total_out()]);
         if (result != Z_OK && result != Z_STREAM_END) {
             return -1;
         }
     }
     const auto produced = static_cast<std::uint32_t>(inflater.total_out());
-    if (result != Z_STREAM_END && produced == dst.size() && has_more(inflater, src)) {
+    if (result != Z_STREAM_END && produced == room.size() && has_more(inflater, src)) {
         dstLen = 0;
         return -1;
     }

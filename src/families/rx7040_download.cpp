@@ -4,6 +4,7 @@
 #include <span>
 
 #include "core/firmware_file.h"
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 #include "core/options.h"
@@ -79,6 +80,7 @@ int download_entry(int argc, char** argv) {
         return -1;
     }
 
+    hints::synchronised();
     log_info("Send loader...\n");
     result = download_SendFirmware(handle, options.loader.c_str(), true);
     if (result != 0) {

@@ -59,6 +59,10 @@ struct Backend {
     void (*sleep_us)(std::uint64_t microseconds);
 };
 
+/// What a person can do about a port that could not be opened, by the error number; null when there
+/// is nothing particular to say.
+const char* port_remedy(int error);
+
 /// The back end of the system that the tool was built for.
 const Backend& native();
 

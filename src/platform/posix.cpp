@@ -33,7 +33,7 @@ constexpr std::uint64_t millisecond = 1000 * microsecond;
 constexpr std::uint64_t second = 1000 * millisecond;
 constexpr std::uint64_t never = UINT64_MAX;
 
-/// Start bit, eight data bits, stop bit.
+/// Start bit, eight data bits, stop bit; a parity bit comes on top.
 constexpr std::uint64_t bits_per_byte = 10;
 
 /// A descriptor that is open as a port, and the time at which the line has carried the last byte
@@ -224,7 +224,8 @@ std::uint64_t line_time_ns(int descriptor, std::size_t bytes) {
     if (ioctl(descriptor, TCGETS2, &settings) != 0 || settings.c_ospeed == 0) {
         return 0;
     }
-    return bytes * bits_per_byte * second / settings.c_ospeed;
+    const std::uint64_t bits = bits_per_byte + ((settings.c_cflag & PARENB) != 0 ? 1 : 0);
+    return bytes * bits * second / settings.c_ospeed;
 }
 
 /// Waits until the line has carried what was written: for the time that the bytes take, because a
@@ -368,6 +369,26 @@ constexpr Backend posix_backend{
 };
 
 }  // namespace
+
+const char* port_remedy(int error) {
+    switch (error) {
+        case ENOENT:
+        case ENODEV:
+        case ENXIO:
+            return "there is no such port; see ls /dev/ttyUSB* /dev/ttyACM* /dev/ttyS*";
+        case EBUSY:
+            return "another program holds the port; fuser -v PORT names it";
+        case EACCES:
+        case EPERM:
+            return "you may not use the port; sudo usermod -a -G dialout $USER, and log in again";
+        case ENOTTY:
+        case EINVAL:
+        case EISDIR:
+            return "that is no serial port";
+        default:
+            return nullptr;
+    }
+}
 
 const Backend& native() {
     return posix_backend;

@@ -201,6 +201,19 @@ constexpr Backend win32_backend{
 
 }  // namespace
 
+const char* port_remedy(int error) {
+    switch (error) {
+        case ENOENT:
+            return "there is no such port; the Device Manager lists them";
+        case EBUSY:
+            return "another program holds the port; close it";
+        case ENOTTY:
+            return "that is no serial port";
+        default:
+            return nullptr;
+    }
+}
+
 const Backend& native() {
     return win32_backend;
 }

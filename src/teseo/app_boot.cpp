@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/firmware_file.h"
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 #include "core/stm32_packets.h"
@@ -164,8 +165,9 @@ int write_image(SerialHandle handle, const char* path) {
         sent += static_cast<std::int32_t>(count);
         teseo::log_transfer(sent, file_len);
     }
-    if (file.failed()) {
-        std::perror(path);
+    if (sent != file_len) {
+        // Nothing else would tell: the processor does not know how much it is to get.
+        std::fputs("hint: the image could not be read to its end\n", stderr);
         return -1;
     }
     return 0;
@@ -184,6 +186,7 @@ int Kv_Boot_Send_Firmware(SerialHandle handle, const char* firmware_path) {
     if (result != 0) {
         return result;
     }
+    hints::synchronised();
     result = identify(handle);
     if (result != 0) {
         return result;

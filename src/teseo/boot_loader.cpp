@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 #include "teseo/sta9100.h"
@@ -169,6 +170,7 @@ int Kv_Sync_Module(SerialHandle handle, const BootLoaderFamily& family, const Lo
         }
         const unsigned count = serial_read(handle, received, family.sync_read_ms);
         if (answer.found_in(std::span(received).first(count))) {
+            hints::synchronised();
             serial_write(handle, {&sync_confirmation, 1});
             return await_ack(handle, family.sync_reply_ms, burst_size) ? 0 : -1;
         }

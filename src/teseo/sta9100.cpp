@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <span>
 
 #include "core/firmware_file.h"
+#include "core/hints.h"
 #include "core/kv_flash_tool.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
@@ -118,10 +118,10 @@ Word little_endian(std::uint32_t value) {
 
 void hint_at_placeholder(const BootRom& rom) {
     if (rom.loader_is_placeholder) {
-        std::fprintf(stderr,
-                     "hint: this build holds a placeholder instead of the chip vendor's RAM boot "
-                     "loader, which no real chip can run; build with -D%s=FILE\n",
-                     rom.loader_option);
+        hints::give(
+            "this build holds a placeholder instead of the chip vendor's RAM boot loader, which no "
+            "real chip can run; build with -D%s=FILE\n",
+            rom.loader_option);
     }
 }
 
@@ -155,6 +155,7 @@ int Kv_Sync_Module(SerialHandle handle) {
         serial_write(handle, rom.sync_word);
         const unsigned count = serial_read(handle, received, sync_read_ms);
         if (answer.found_in(std::span(received).first(count))) {
+            hints::synchronised();
             return 0;
         }
     }

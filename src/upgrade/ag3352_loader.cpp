@@ -1,10 +1,9 @@
 #include "upgrade/ag3352_loader.h"
 
-#include <cstdio>
-
 #include "ag3335/new_agent.h"
 #include "ag3335/rom_loader.h"
 #include "core/firmware_file.h"
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 
@@ -92,8 +91,7 @@ int ag3352_send_Da_file(SerialHandle handle, std::uint32_t load_address, const c
         size = file.size();
     }
     if (size >= 0 && static_cast<std::uint32_t>(size) != length) {
-        std::fprintf(stderr, "hint: %s has %d bytes, an agent of these modules has %u\n", path,
-                     size, length);
+        hints::give("%s has %d bytes, an agent of these modules has %u\n", path, size, length);
     }
     return rom_loader::send_agent(
         silent_step(handle),

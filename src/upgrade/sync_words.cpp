@@ -1,5 +1,6 @@
 #include "upgrade/sync_words.h"
 
+#include "core/hints.h"
 #include "core/kv_util.h"
 
 namespace orbix::upgrade {
@@ -37,6 +38,7 @@ int catch_boot_loader(SerialHandle handle, SyncTiming timing, std::uint64_t* las
         sleep_ms(timing.pause);
         last_four = drain_into(last_four, handle, timing.byte, deadline);
     }
+    hints::synchronised();
     return 0;
 }
 

@@ -2,6 +2,7 @@
 #include <vector>
 
 #include "core/firmware_file.h"
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 #include "core/options.h"
@@ -114,6 +115,7 @@ int ZPX710P_Handshake(SerialHandle handle) {
             continue;
         }
         if (answer == stm32::ack) {
+            hints::synchronised();
             log_info("Handshake success\n");
             return 0;
         }

@@ -87,7 +87,7 @@ TEST(ProgramSim, ServesOneRunAfterTheOther) {
         const Finished run = run_program("orbix_flash", upgrade_arguments(module.port(), image));
         EXPECT_TRUE(ends_with_line(run.output, upgrade_success)) << round << run.output;
         // The module restarts when it sees the port closed.
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
 }
 

@@ -739,12 +739,11 @@ TEST(Ag3335Handshake, HintTellsWhatWasHeard) {
         return ::testing::internal::GetCapturedStderr();
     };
     SilentModule silent;
-    EXPECT_EQ(hint(silent), "hint: nothing arrived; is the module powered and was it reset?\n");
+    EXPECT_TRUE(hint(silent).starts_with("hint: nothing arrived; "));
     ChattyModule running("$GNGGA");
-    EXPECT_EQ(hint(running),
-              "hint: the module's firmware is running; reset it while the tool waits\n");
+    EXPECT_TRUE(hint(running).starts_with("hint: the module sends text (\"$"));
     ChattyModule noisy("\xE3\x80");
-    EXPECT_EQ(hint(noisy), "hint: what arrived is noise, as from a module at another rate\n");
+    EXPECT_NE(hint(noisy).find("as if at another rate"), std::string::npos);
 }
 
 TEST(Ag3335Handshake, WaitsForTheResetButton) {

@@ -1,5 +1,7 @@
 // The HD8xx0 family, end to end: options and packages, the boot loader, the running firmware, and
 // the two processors of a dual-processor module.
+#include "families/hd8xx0.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,10 +9,8 @@
 #include "catalogue.h"
 #include "checksums.h"
 #include "core/kv_log.h"
-#include "core/kv_uart.h"
 #include "core/support_table.h"
 #include "cyfm_package.h"
-#include "families/fwup.h"
 #include "hd8xx0_module.h"
 #include "run/harness.h"
 
@@ -77,6 +77,22 @@ Bytes part_of(const Bytes& image, std::size_t offset, std::size_t length) {
 void expect_flash(std::span<const std::uint8_t> flash, const Bytes& image) {
     EXPECT_TRUE(std::equal(image.begin(), image.end(), flash.begin()));
 }
+
+/// When a line was printed, in seconds, from its stamp. `line` may be its beginning.
+double seconds_of(const ToolRun& run, const std::string& line) {
+    constexpr std::size_t stamp_length = 7;
+    const std::size_t end = run.output.find("]" + line);
+    return std::strtod(run.output.substr(end - stamp_length, stamp_length).c_str(), nullptr);
+}
+
+/// A SPEED line in its two parts: what is done, and the rate.
+struct SpeedLine {
+    explicit SpeedLine(const std::string& line)
+        : done(line.substr(0, line.find("    "))),
+          rate(std::strtod(line.c_str() + done.size(), nullptr)) {}
+    std::string done;
+    double rate;
+};
 
 class Hd8xx0 : public ::testing::Test {
   protected:
@@ -152,13 +168,6 @@ TEST_F(Hd8xx0Entry, PortThatDoesNotOpenIs260) {
     EXPECT_EQ(run.result(), upgrade_failure(260));
     EXPECT_EQ(run.count("[INFO] Port: a-name-of-more-than-\n"), 1U);
     EXPECT_EQ(run.family_lines().back(), "[ERROR] Fail to open a-name-of-more-than-");
-}
-
-TEST_F(Hd8xx0Entry, RateIsSetOnceMoreAfterTheOpen) {
-    Hd8xx0Module module;
-    const ToolRun run(module, arguments(folder_.write("bad.cyfm", Bytes{}), "user"));
-    EXPECT_EQ(run.rates, (std::vector<unsigned>{115200}));
-    EXPECT_EQ(run.modem_events.size(), 2U) << "the lines are set at the open alone";
 }
 
 TEST_F(Hd8xx0Entry, PackageThatCannotBeUnpackedIs262WithThePortLeftOpen) {
@@ -272,6 +281,14 @@ TEST_F(Hd8xx0Entry, UnknownModeWordKeepsTheModeOfBefore) {
     EXPECT_EQ(run.count("[INFO] boot: success\n"), 1U);
 }
 
+TEST_F(Hd8xx0Entry, CommandOnceAskedForIsSentWhateverTheLastModeWordIs) {
+    Hd8xx0Module module;
+    const ToolRun run(module, arguments(package_of(random_image(10)), "s_boot") +
+                                  std::vector<std::string>{"-t", "boot"});
+    EXPECT_TRUE(contains(run.sent, hex("F1 D9 06 5F 00 00 65 35")));
+    EXPECT_EQ(run.result(), upgrade_success);
+}
+
 TEST_F(Hd8xx0Entry, LongArgumentsAreTakenWhole) {
     Hd8xx0Module module;
     const std::string name(5000, 'x');
@@ -284,11 +301,6 @@ TEST_F(Hd8xx0Entry, LongArgumentsAreTakenWhole) {
 
 // ---------------------------------------------------------------------------------------------
 // Through the boot loader
-
-struct BootCase {
-    int variant;
-    std::size_t size;
-};
 
 class Hd8xx0Boot : public Hd8xx0 {
   protected:
@@ -314,6 +326,31 @@ class Hd8xx0Boot : public Hd8xx0 {
     }
 
     std::string package_;
+};
+
+/// A module that also says something by itself, once, at a time of the run.
+template <typename Module>
+class Unasked : public Module {
+  public:
+    Unasked(sim::Micros time, Bytes text)
+        : time_(sim::VirtualPort::start + time), text_(std::move(text)) {}
+
+    [[nodiscard]] std::optional<sim::Micros> wake_time() const override {
+        const auto other = Module::wake_time();
+        return text_.empty() ? other : std::min(time_, other.value_or(time_));
+    }
+    void wake(sim::Micros now, sim::Wire& wire) override {
+        if (text_.empty() || now < time_) {
+            Module::wake(now, wire);
+            return;
+        }
+        wire.send(text_);
+        text_.clear();
+    }
+
+  private:
+    sim::Micros time_;
+    Bytes text_;
 };
 
 const Bytes probe = hex("F1 D9 0A 04 00 00 0E 34");
@@ -410,6 +447,10 @@ TEST_F(Hd8xx0Boot, ProgressCountsWhatRemains) {
     EXPECT_EQ(lines[4], "[PROGRESS] 81.92%");
     EXPECT_EQ(lines[5].rfind("[SPEED] 2048 Bytes/2500 Bytes    ", 0), 0U) << lines[5];
     EXPECT_EQ(lines[6], "[PROGRESS] 100.00%");
+    // Counted one KiB high, over the time since the line with 0 bytes.
+    const double begun = seconds_of(run, lines[1]);
+    EXPECT_NEAR(SpeedLine(lines[3]).rate, 2 / (seconds_of(run, lines[3]) - begun), 0.06);
+    EXPECT_NEAR(SpeedLine(lines[5]).rate, 3 / (seconds_of(run, lines[5]) - begun), 0.06);
 }
 
 TEST_F(Hd8xx0Boot, FirstBlockComesLast) {
@@ -527,6 +568,33 @@ TEST_F(Hd8xx0Boot, RunningFirmwareIsNoBootLoader) {
     EXPECT_EQ(run.family_lines().back(), "[ERROR] Failed to enter boot mode.");
 }
 
+TEST_F(Hd8xx0Boot, WhatCameBeforeTheFirstProbeIsDropped) {
+    Unasked<SilentModule> module(sim::milliseconds(700), hex("42 4F 4F 54"));
+    const std::string package = package_of(random_image(100));
+    const ToolRun run(module, arguments(package, "boot"));
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+    EXPECT_EQ(last_lines(run, 2), (std::vector<std::string>{"[INFO] Enter Boot Mode...",
+                                                            "[ERROR] Failed to enter boot mode."}));
+}
+
+TEST_F(Hd8xx0Boot, WhatIsLeftBehindTheSecondProbeIsDropped) {
+    // The probe's read takes 100 bytes; the refusal behind them must not be seen by the set-up.
+    const Bytes boot_and_more = hex("42 4F 4F 54") + Bytes(96);
+    Unasked<Hd8xx0Module> module(sim::milliseconds(2700),
+                                 boot_and_more + sim::make_korvane_frame(0x05, 0x00, hex("F4 07")));
+    int probes = 0;
+    module.tamper = [&probes](const KorvaneFrame& frame, Bytes& reply) {
+        if (frame.is(0x0A, 0x04) && ++probes == 2) {
+            reply.clear();
+        }
+    };
+    const ToolRun run = boot(module, random_image(100));
+    EXPECT_EQ(run.result(), upgrade_success);
+    EXPECT_TRUE(contains(run.received, boot_and_more));
+    EXPECT_EQ(probes, 2);
+    EXPECT_EQ(run.count("[ERROR] Received NAK\n"), 0U);
+}
+
 TEST_F(Hd8xx0Boot, WordOfTheBootLoaderMayComeInTwoPieces) {
     Hd8xx0Module module;
     int probes = 0;
@@ -579,6 +647,8 @@ TEST_F(Hd8xx0Boot, EachReplyOfTheSetUpIsWaitedFor) {
             EXPECT_EQ(run.result(), upgrade_failure(-1));
             EXPECT_EQ(run.family_lines().back(), "[INFO] Queries SPI flash ID or status...");
             EXPECT_EQ(run.closes, 1);
+            // Two changes of the rate, two probes, and three reads for the reply.
+            EXPECT_NEAR(static_cast<double>(run.duration_ms), 2 * 1000 + 2 * 1000 + 3 * 1000, 20);
         }
     }
 }
@@ -591,6 +661,13 @@ TEST_F(Hd8xx0Boot, FlashIdOfAnyContentWillDo) {
         }
     };
     EXPECT_EQ(boot(module, random_image(100), 1).result(), upgrade_success);
+
+    // Also in place of another reply, where its length is that reply's.
+    Hd8xx0Module odd;
+    spoil_blocks(odd, 1, 1, sim::make_korvane_frame(0xF4, 0x07, hex("12 34")));
+    const ToolRun run = boot(odd, random_image(2000));
+    EXPECT_EQ(run.result(), upgrade_success);
+    EXPECT_EQ(run.count("retry attempts"), 0U);
 }
 
 TEST_F(Hd8xx0Boot, FlashIdOfAnotherLengthWillNot) {
@@ -806,8 +883,11 @@ TEST_F(Hd8xx0User, LinesAndRates) {
     const auto lines = run.progress_lines();
     ASSERT_EQ(lines.size(), 5U);
     EXPECT_EQ(lines[0], "[PROGRESS] 40.96%");
-    EXPECT_EQ(lines[1].rfind("[SPEED] 1024 Bytes/2500 Bytes    ", 0), 0U);
+    EXPECT_EQ(lines[1], "[SPEED] 1024 Bytes/2500 Bytes    0 KBps") << "the clock starts here";
     EXPECT_EQ(lines[2], "[PROGRESS] 81.92%");
+    EXPECT_EQ(SpeedLine(lines[3]).done, "[SPEED] 2048 Bytes/2500 Bytes");
+    EXPECT_NEAR(SpeedLine(lines[3]).rate,
+                3 / (seconds_of(run, lines[3]) - seconds_of(run, lines[1])), 0.06);
     EXPECT_EQ(lines[4], "[PROGRESS] 100.00%");
     EXPECT_EQ(run.closes, 1);
 }
@@ -901,6 +981,7 @@ TEST_F(Hd8xx0User, ModuleThatDoesNotAskForTheFileFailsWithoutALine) {
     const ToolRun run = user(module, random_image(100));
     EXPECT_EQ(run.result(), upgrade_failure(-1));
     EXPECT_EQ(run.family_lines().back(), "[INFO] Enter Upgrade Mode...");
+    EXPECT_NEAR(static_cast<double>(run.duration_ms), 500 + 3000, 20);
 }
 
 TEST_F(Hd8xx0User, HeaderMustBeAcknowledgedAndTheFileAskedForInOneBreath) {
@@ -910,6 +991,7 @@ TEST_F(Hd8xx0User, HeaderMustBeAcknowledgedAndTheFileAskedForInOneBreath) {
         const ToolRun run = user(module, random_image(100));
         EXPECT_EQ(run.result(), upgrade_failure(-1)) << answer;
         EXPECT_EQ(run.family_lines().back(), "[INFO] Send SOH PKG...");
+        EXPECT_NEAR(static_cast<double>(run.duration_ms), 500 + 100 + 3000, 30) << answer;
     }
     for (const std::string answer : {"06 43", "43 43 06 43", "06 06 43", "15 06 43"}) {
         Hd8xx0Module module;
@@ -942,6 +1024,7 @@ TEST_F(Hd8xx0User, SilenceBehindABlockIsAZeroByteAfterThreeSeconds) {
     const ToolRun run = user(module, random_image(5000));
     EXPECT_EQ(run.result(), upgrade_failure(770));
     EXPECT_EQ(run.family_lines().back(), "[ERROR] [fw_update_user 897]: update fail, receive: 00");
+    EXPECT_NEAR(static_cast<double>(run.duration_ms), 500 + 100 + 3000, 50);
 }
 
 TEST_F(Hd8xx0User, EndThatIsNotConfirmedIs772) {
@@ -1249,32 +1332,65 @@ INSTANTIATE_TEST_SUITE_P(Modes, Hd8xx0Unplugged,
                                            "all_user"));
 
 // ---------------------------------------------------------------------------------------------
-// What no model name of the table reaches
+// What only a call of the entry itself shows
 
-TEST_F(Hd8xx0, BootLoaderOfAnUnknownVariantGetsTheFlashQueryAndNoMore) {
-    Hd8xx0Module module;
-    sim::Line line(module, {}, {}, sim::VirtualPort::start);
-    sim::VirtualPort port(line, {});
-    char* text = nullptr;
-    std::size_t size = 0;
-    std::FILE* const stream = open_memstream(&text, &size);
-    set_log_stream(stream);
-    const SerialHandle handle = serial_open("COM6", 115200);
-    const int result = hd8xx0::fw_update_boot(handle, random_image(100), -1, 1);
-    set_log_stream(nullptr);
-    std::fclose(stream);
-    const std::string log(text, size);
-    std::free(text);
-    EXPECT_EQ(result, -1);
-    EXPECT_TRUE(log.ends_with("[ERROR] Unknown module model: -1\n")) << log;
-    Bytes sent;
-    for (const auto& byte : line.trace()) {
-        if (byte.direction == sim::Direction::to_module) {
-            sent.push_back(byte.byte);
+/// A call of the entry, past the tool's own look at the model name.
+struct EntryCall {
+    EntryCall(sim::Model& module, std::vector<std::string> words) {
+        words.insert(words.begin(), "orbix_flash");
+        std::vector<char*> argv;
+        for (std::string& word : words) {
+            argv.push_back(word.data());
+        }
+        argv.push_back(nullptr);
+        sim::Line line(module, {}, {}, sim::VirtualPort::start);
+        sim::VirtualPort port(line, {});
+        char* text = nullptr;
+        std::size_t size = 0;
+        std::FILE* const stream = open_memstream(&text, &size);
+        set_log_stream(stream);
+        result = hd8xx0::hd8xx0_upgrade(static_cast<int>(words.size()), argv.data());
+        set_log_stream(nullptr);
+        std::fclose(stream);
+        log.assign(text, size);
+        std::free(text);
+        for (const auto& settings : port.settings_written) {
+            rates.push_back(settings.baud);
+        }
+        for (const auto& byte : line.trace()) {
+            if (byte.direction == sim::Direction::to_module) {
+                sent.push_back(byte.byte);
+            }
         }
     }
-    line.run_until(port.now + 1'000'000);
-    EXPECT_TRUE(as_hex(sent).ends_with("F1 D9 F4 07 01 00 02 FE E5")) << as_hex(sent);
+
+    int result;
+    std::string log;
+    Bytes sent;
+    std::vector<unsigned> rates;  ///< of all settings that were written
+};
+
+TEST_F(Hd8xx0Entry, RateIsSetOnceMoreAfterTheOpen) {
+    Hd8xx0Module module;
+    const EntryCall call(module, arguments(folder_.write("bad.cyfm", Bytes{}), "user"));
+    // The open writes the settings for itself and for each of the two modem lines.
+    EXPECT_EQ(call.rates, (std::vector<unsigned>(3 + 1, 115200)));
+}
+
+TEST_F(Hd8xx0Entry, ModelThatNoPrefixMatchesHasNoFlashToBoot) {
+    Hd8xx0Module module;
+    const EntryCall call(module, arguments(package_of(random_image(100)), "boot", "XX210A00"));
+    EXPECT_EQ(call.result, -1);
+    EXPECT_TRUE(call.log.ends_with("[ERROR] Unknown module model: -1\n")) << call.log;
+    EXPECT_TRUE(as_hex(call.sent).ends_with("F1 D9 F4 07 01 00 02 FE E5")) << as_hex(call.sent);
+}
+
+TEST_F(Hd8xx0Entry, ModelThatNoPrefixMatchesIsUpdatedThroughItsFirmware) {
+    const std::string package = package_of(random_image(100));
+    for (const std::string mode : {"user", "master_user", "slave_user"}) {
+        Hd8xx0Module module;
+        EXPECT_EQ(EntryCall(module, arguments(package, mode, "XX210A00")).result, 0) << mode;
+    }
 }
 
 }  // namespace

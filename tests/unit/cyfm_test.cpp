@@ -163,7 +163,7 @@ TEST_F(Cyfm, AllUserLeavesOutTheFirst64KiB) {
     }
 }
 
-TEST_F(Cyfm, AllUserRefusesWhatIsNotLongerThanThePartLeftOut) {
+TEST_F(Cyfm, AllUserRefusesWhatIsShorterThanThePartLeftOut) {
     const Unpacked exact = unpack_bytes(sim::make_cyfm(Bytes(65'536)), UpdateMode::all_user);
     EXPECT_EQ(exact.result, 0);
     EXPECT_TRUE(exact.image.empty());
@@ -279,6 +279,11 @@ TEST(CyfmGzip, FullBufferIsRightOnlyWhenTheStreamEndsThere) {
     out.resize(999);
     EXPECT_EQ(hd8xx0::gzDecompress(stream, out, length), -1);
     EXPECT_EQ(length, 0U);
+    out.assign(1000, 0);
+    length = 10;
+    EXPECT_EQ(hd8xx0::gzDecompress(stream, out, length), -1) << "the length given is the capacity";
+    EXPECT_TRUE(std::equal(out.begin(), out.begin() + 10, content.begin()));
+    EXPECT_EQ(std::count(out.begin() + 10, out.end(), 0), 990);
 }
 
 }  // namespace

@@ -1,0 +1,31 @@
+#include "draw.h"
+
+#include <algorithm>
+
+namespace orbix::campaign {
+
+std::uint64_t Draw::magnitude(std::uint64_t least, std::uint64_t most) {
+    std::uint64_t top = most;
+    for (std::uint64_t halvings = number(0, 63); halvings > 0 && top / 2 > least; --halvings) {
+        top /= 2;
+    }
+    return number(least, std::max(least, top));
+}
+
+sim::Bytes Draw::bytes(std::size_t size) {
+    sim::Bytes result(size);
+    for (auto& byte : result) {
+        byte = static_cast<std::uint8_t>(random_() >> 32);
+    }
+    return result;
+}
+
+std::size_t Draw::image_size(std::size_t block, std::size_t most) {
+    if (chance(40)) {
+        const std::size_t edge = number(1, std::max<std::size_t>(1, most / block)) * block;
+        return edge + number(0, 2) - 1;
+    }
+    return chance(50) ? magnitude(1, most) : number(1, most);
+}
+
+}  // namespace orbix::campaign
