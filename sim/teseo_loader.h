@@ -47,7 +47,7 @@ struct TeseoTimes {
     Micros erase_code = milliseconds(400);
     Micros erase_nvm = milliseconds(200);
     Micros program_piece = milliseconds(2);
-    Micros check = milliseconds(20);
+    Micros check = milliseconds(80);  ///< reading the whole image back, behind the last answer
 };
 
 /// Takes a raw image piece by piece into flash.

@@ -67,7 +67,7 @@ struct OptionWords {
     std::uint32_t b;
 };
 
-/// The mode of a `-t` word, or nothing after an ERROR line: sets `mode` and returns true.
+/// Sets `mode` to that of a `-t` word. Returns false after an ERROR line for an unknown word.
 bool parse_flash_mode(const char* word, int& mode);
 
 /// The steps of the dialogue, each on an open port.

@@ -9,22 +9,17 @@
 
 namespace orbix::teseo {
 
-std::size_t await_acks(SerialHandle handle, unsigned timeout_ms, std::size_t most) {
+bool await_ack(SerialHandle handle, unsigned timeout_ms, std::size_t most) {
     std::array<std::uint8_t, 1024> reply{};
-    const unsigned count = serial_read(handle, std::span(reply).first(most), timeout_ms);
-    if (count == 0) {
+    if (serial_read(handle, std::span(reply).first(most), timeout_ms) == 0) {
         log_ack_timeout(timeout_ms);
-        return 0;
+        return false;
     }
     if (reply[0] != ack) {
         log_ack_not_expected(reply[0]);
-        return 0;
+        return false;
     }
-    std::size_t acks = 0;
-    while (acks < count && reply[acks] == ack) {
-        ++acks;
-    }
-    return acks;
+    return true;
 }
 
 int send_raw_image(SerialHandle handle, const char* path, int file_len,
@@ -37,11 +32,9 @@ int send_raw_image(SerialHandle handle, const char* path, int file_len,
     log_info("Sending Firmware...\n");
     std::vector<std::uint8_t> piece(transfer.piece);
     int sent = 0;
-    std::size_t acks = 1;
     while (const std::size_t count = file.read(piece)) {
         serial_write(handle, std::span(piece).first(count));
-        acks = await_acks(handle, transfer.piece_ack_ms, transfer.reply);
-        if (acks == 0) {
+        if (!await_ack(handle, transfer.piece_ack_ms, transfer.reply)) {
             return -1;
         }
         sent += static_cast<int>(count);
@@ -49,9 +42,6 @@ int send_raw_image(SerialHandle handle, const char* path, int file_len,
     }
     // A file that could not be read to its end is caught here: the module waits for the rest.
     log_info(" Checking CRC...\n");
-    if (acks > 1 && sent == file_len) {
-        return 0;  // the answer came in the same burst as the one to the last piece
-    }
     return await_ack(handle, transfer.crc_ack_ms, transfer.reply) ? 0 : -1;
 }
 

@@ -15,15 +15,10 @@ inline constexpr std::uint8_t ack = 0xCC;
 /// The rate at which boot ROM and boot loaders are caught.
 inline constexpr unsigned loader_baud = 115200;
 
-/// Waits `timeout_ms` for a burst of at most `most` bytes (up to 1024) whose first byte is the
-/// acknowledgement. Returns how many acknowledgements it begins with; 0 after an ERROR line, for
-/// silence and for any other byte.
-std::size_t await_acks(SerialHandle handle, unsigned timeout_ms, std::size_t most);
-
-/// The same, for a step with one answer.
-inline bool await_ack(SerialHandle handle, unsigned timeout_ms, std::size_t most = 1) {
-    return await_acks(handle, timeout_ms, most) != 0;
-}
+/// Waits `timeout_ms` for a burst of at most `most` bytes (up to 1024) and judges the first one;
+/// the others are dropped. Returns false after an ERROR line, for silence and for any byte but the
+/// acknowledgement.
+bool await_ack(SerialHandle handle, unsigned timeout_ms, std::size_t most = 1);
 
 /// How an image travels unframed, and how long each answer may take, in ms.
 struct RawTransfer {
@@ -33,8 +28,9 @@ struct RawTransfer {
     unsigned crc_ack_ms;    ///< checking the whole image
 };
 
-/// Sends a file piece by piece and waits until the module has checked it. `file_len` is what the
-/// PROGRESS lines are measured by. Returns 0, or -1 after an ERROR line.
+/// Sends a file piece by piece and waits until the module has checked it. Where several bytes of an
+/// answer are read, a verdict in one burst with the answer to the last piece is dropped. `file_len`
+/// is what the PROGRESS lines are measured by. Returns 0, or -1 after an ERROR line.
 int send_raw_image(SerialHandle handle, const char* path, int file_len,
                    const RawTransfer& transfer);
 

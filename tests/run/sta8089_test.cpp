@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 #include "run/harness.h"
 #include "teseo/ram_loaders.h"
@@ -236,16 +237,44 @@ TEST(Sta8089Recovery, AnswerWordBehindItsOwnFirstByteIsMissed) {
     EXPECT_EQ(run.count("SYNC time out 5000 ms"), 1U);
 }
 
-TEST(Sta8089Recovery, AnswerToThePieceAndVerdictInOneBurst) {
+TEST(Sta8089Recovery, VerdictInOneBurstWithTheLastAnswerIsNotSeen) {
     const TempDir folder;
-    const Bytes image = random_image(20'000);
+    const std::string path = folder.write("app.bin", random_image(20'000));
     auto settings = quiet();
     settings.loader.times.check = 0;
     TeseoChip module(settings);
-    const ToolRun run(module, arguments(folder.write("app.bin", image)));
-    EXPECT_EQ(run.result(), upgrade_success);
-    EXPECT_TRUE(holds(module, image));
-    EXPECT_EQ(run.count("ACK time out"), 0U);
+    const ToolRun run(module, arguments(path));
+    Lines expected = joined(option_lines(path), loader_lines);
+    expected.back() = "[ERROR] ACK time out 30000 ms";
+    expected.emplace_back("[ERROR] Send the firmware package failed, upgrade failed.");
+    EXPECT_EQ(run.family_lines(), expected);
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+    EXPECT_TRUE(module.completed()) << "the module has said yes, in a read that was not looked at";
+}
+
+TEST(Sta8089Recovery, AnswerToAPieceIsReadUpToTenBytes) {
+    const TempDir folder;
+    TeseoChip module(quiet());
+    module.loader().tamper = [](TeseoStep step, Bytes& answer) {
+        if (step == TeseoStep::piece) {
+            answer.resize(10, sim::teseo_ack);
+            answer.push_back(0x55);
+        }
+    };
+    const ToolRun run(module, arguments(folder.write("app.bin", random_image(10))));
+    EXPECT_EQ(run.count("[ERROR] ACK not expected [55]\n"), 1U) << "the eleventh is the verdict";
+}
+
+TEST(Sta8089Recovery, SimulatedLoaderReadsItsFlashBeforeTheVerdict) {
+    const TempDir folder;
+    TeseoChip module(quiet());
+    const ToolRun run(module, arguments(folder.write("app.bin", random_image(10))));
+    ASSERT_GE(run.trace.size(), 2U);
+    const sim::TracedByte& verdict = run.trace.back();
+    const sim::TracedByte& last_answer = run.trace[run.trace.size() - 2];
+    EXPECT_EQ(verdict.direction, sim::Direction::to_host);
+    EXPECT_EQ(last_answer.direction, sim::Direction::to_host);
+    EXPECT_GE(verdict.time - last_answer.time, milliseconds(50));
 }
 
 TEST(Sta8089Recovery, FloodOfARunningReceiverDoesNotHideTheAnswer) {
@@ -342,6 +371,40 @@ TEST(Sta8089Recovery, WrongImageIsRefusedByItsCrc) {
     conditions.faults = {{.kind = sim::FaultKind::flip, .byte = 8 + 1 + 20 + 1 + 7, .amount = 1}};
     const ToolRun run(module, arguments(folder.write("app.bin", random_image(100))), conditions);
     EXPECT_EQ(run.count("[ERROR] ACK not expected [33]"), 1U);
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+}
+
+TEST(Sta8089Recovery, ImageThatVanishesIsNamed) {
+    const TempDir folder;
+    const std::string path = folder.write("app.bin", random_image(10));
+    TeseoChip module(quiet());
+    module.loader().tamper = [&path](TeseoStep step, Bytes& /*answer*/) {
+        if (step == TeseoStep::nvm_erased) {
+            std::filesystem::remove(path);
+        }
+    };
+    const ToolRun run(module, arguments(path));
+    Lines expected = joined(option_lines(path), loader_lines);
+    expected.resize(expected.size() - 3);
+    expected.push_back("[ERROR] Firmware " + path + " open failed.");
+    expected.emplace_back(image_failed);
+    EXPECT_EQ(run.family_lines(), expected);
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+    EXPECT_EQ(run.closes, 1);
+}
+
+TEST(Sta8089Recovery, ImageThatShrinksIsNoSuccess) {
+    const TempDir folder;
+    const std::string path = folder.write("app.bin", random_image(20'000));
+    TeseoChip module(quiet());
+    module.loader().tamper = [&path](TeseoStep step, Bytes& /*answer*/) {
+        if (step == TeseoStep::nvm_erased) {
+            std::filesystem::resize_file(path, 16384);
+        }
+    };
+    const ToolRun run(module, arguments(path));
+    EXPECT_EQ(run.count("[INFO]  Checking CRC...\n"), 1U) << "each piece was acknowledged";
+    EXPECT_EQ(run.count("[ERROR] ACK time out 30000 ms\n"), 1U);
     EXPECT_EQ(run.result(), upgrade_failure(-1));
 }
 

@@ -451,6 +451,17 @@ TEST(Sta8100Recovery, FirstKnockAnsweredWithSomethingElseEndsTheKnocking) {
     EXPECT_EQ(run.count(options_failed), 1U);
 }
 
+TEST(Sta8100Recovery, VerdictInOneBurstWithTheLastAnswerIsNotSeen) {
+    const TempDir folder;
+    auto settings = quiet();
+    settings.chip.loader.times.check = 0;
+    Sta8100Module module(settings);
+    const ToolRun run(module, arguments(folder.write("app.bin", random_image(100))));
+    EXPECT_EQ(run.count("[ERROR] ACK time out 60000 ms\n"), 1U);
+    EXPECT_EQ(run.family_lines().back(), image_failed);
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+}
+
 TEST(Sta8100Recovery, WrongImageIsRefusedByItsCrc) {
     const TempDir folder;
     Sta8100Module module(quiet());

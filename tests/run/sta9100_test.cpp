@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 
 #include "run/harness.h"
 #include "teseo/ram_loaders.h"
@@ -198,6 +199,22 @@ TEST(Sta9100, SyncAnswerBehindItsOwnFirstByteIsMissed) {
     EXPECT_EQ(run.family_lines().back(), "[ERROR] Sync module failed.Upgrade failed.");
 }
 
+TEST(Sta9100, ReadWithTheSyncAnswerIsDroppedUpToTenBytes) {
+    const TempDir folder;
+    const std::string path = folder.write("app.bin", short_image);
+    for (const std::size_t length : {10U, 11U}) {
+        TeseoChip module(quiet());
+        module.rom().tamper = [length](TeseoStep step, Bytes& answer) {
+            if (step == TeseoStep::sync) {
+                answer.resize(length, 0x55);
+            }
+        };
+        const ToolRun run(module, arguments(path));
+        EXPECT_EQ(run.result(), length == 10 ? upgrade_success : upgrade_failure(-1));
+        EXPECT_EQ(run.count("[ERROR] ACK not expected [55]\n"), length - 10);
+    }
+}
+
 TEST(Sta9100, TalkOfTheReceiverDoesNotHideTheAnswer) {
     const TempDir folder;
     TeseoChip module(TeseoChip::sta9100());
@@ -282,6 +299,48 @@ TEST(Sta9100, EveryByteOfAnAnswerCounts) {
     const ToolRun run(module, arguments(folder.write("app.bin", short_image)));
     EXPECT_EQ(run.count("[INFO] Sending preamble...\n"), 1U);
     EXPECT_EQ(run.count("[ERROR] ACK not expected [55]\n"), 1U);
+}
+
+TEST(Sta9100, VerdictInOneBurstWithTheLastAnswerIsReadByItself) {
+    const TempDir folder;
+    auto settings = quiet();
+    settings.rom.times.check = 0;
+    TeseoChip module(settings);
+    const ToolRun run(module, arguments(folder.write("app.bin", random_image(5121))));
+    EXPECT_EQ(run.result(), upgrade_success);
+}
+
+TEST(Sta9100, ImageThatVanishesIsNamed) {
+    const TempDir folder;
+    const std::string path = folder.write("app.bin", short_image);
+    TeseoChip module(quiet());
+    module.rom().tamper = [&path](TeseoStep step, Bytes& /*answer*/) {
+        if (step == TeseoStep::code_erased) {
+            std::filesystem::remove(path);
+        }
+    };
+    const ToolRun run(module, arguments(path));
+    Lines expected = lines_up_to(path, "Erasing program area");
+    expected.push_back("[ERROR] Firmware " + path + " open failed.");
+    expected.emplace_back(firmware_failed);
+    EXPECT_EQ(run.family_lines(), expected);
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+    EXPECT_EQ(run.closes, 1);
+}
+
+TEST(Sta9100, ImageThatShrinksIsNoSuccess) {
+    const TempDir folder;
+    const std::string path = folder.write("app.bin", random_image(10'000));
+    TeseoChip module(quiet());
+    module.rom().tamper = [&path](TeseoStep step, Bytes& /*answer*/) {
+        if (step == TeseoStep::code_erased) {
+            std::filesystem::resize_file(path, 5120);
+        }
+    };
+    const ToolRun run(module, arguments(path));
+    EXPECT_EQ(run.count("[INFO]  Checking CRC...\n"), 1U) << "each piece was acknowledged";
+    EXPECT_EQ(run.count("[ERROR] ACK time out 30000 ms\n"), 1U);
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
 }
 
 TEST(Sta9100, WrongImageIsRefusedByItsCrc) {

@@ -70,6 +70,15 @@ TEST(Sta8089Decoder, TwoHundredCharactersAreTheMost) {
     EXPECT_EQ(sentence.text, "$C\r\n");
 }
 
+TEST(Sta8089Decoder, LineFeedBeforeTheCarriageReturnBelongsToTheSentence) {
+    Sentence sentence;
+    std::uint32_t length = 0;
+    EXPECT_EQ(feed(sentence, "$A\nB\r", length), 0);
+    EXPECT_EQ(feed(sentence, "\n", length), 1);
+    EXPECT_EQ(sentence.text, "$A\nB\r\n");
+    EXPECT_EQ(length, 6U);
+}
+
 TEST(Sta8089Decoder, CarriageReturnWithoutLineFeedDropsTheSentence) {
     Sentence sentence;
     std::uint32_t length = 0;
