@@ -134,6 +134,7 @@ int ag3335_sync_with_New_Da(SerialHandle handle, unsigned baud) {
     std::array<std::uint8_t, 7> reply{};
     reply.fill(0xFF);
     serial_read_until(handle, reply, agent::reply_timeout);
+    sleep_ms(loader::item_pause);
     if (reply[agent::status_offset] != 0) {
         return step.failed("Sync New Da Baud set fail\n");
     }

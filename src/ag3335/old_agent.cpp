@@ -218,6 +218,7 @@ bool expect_pair(const Step& step, std::uint8_t first, const char* first_failure
 }
 
 bool read_packet(FirmwareFile& file, std::span<std::uint8_t> packet) {
+    errno = 0;  // an image that has become shorter leaves it as it is
     const std::size_t count = file.read(packet);
     if (count != packet.size()) {
         const int reason = errno;

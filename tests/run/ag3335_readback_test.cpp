@@ -253,6 +253,19 @@ TEST_F(Ag3335Readback, RefusalShowsItsCode) {
                      region_failure({"[INFO] send readback packet size 0x00001000"}));
 }
 
+TEST_F(Ag3335Readback, ConsentAndSumAreAwaitedForHalfASecond) {
+    const auto duration = [this](const std::string& size) {
+        return static_cast<double>(run(one_region(size)).duration_ms);
+    };
+    const double refused = duration("0");
+    tamper(BootAnswer::read_accepted, 1, [](Bytes& bytes) { bytes.clear(); });
+    EXPECT_NEAR(duration("0") - refused, 500, 5);
+    tamper(BootAnswer::read_packet, 1, [](Bytes& bytes) { bytes.back() ^= 0x01; });
+    const double wrong_sum = duration("0x1000");
+    tamper(BootAnswer::read_packet, 1, [](Bytes& bytes) { bytes.resize(bytes.size() - 4); });
+    EXPECT_NEAR(duration("0x1000") - wrong_sum, 500, 5);
+}
+
 TEST_F(Ag3335Readback, WrongSumEndsTheRun) {
     module.boot.voice.tamper = [](BootAnswer which, unsigned number, Bytes& bytes) {
         if (which == BootAnswer::read_packet && number == 2) {
@@ -552,6 +565,17 @@ TEST_F(Ag3335ReadbackNewAgent, FifthBadReplyEndsTheRegion) {
     EXPECT_EQ(run(one_region()).result(), readback_success);
     tamper(BootAnswer::read_block, 5, [](Bytes& bytes) { bytes[6] = 1; });
     expect_ends_with(run(one_region()), region_failure({"[ERROR] readback_flash fail 0x08000000"}));
+}
+
+TEST_F(Ag3335ReadbackNewAgent, RepliesAreAwaitedForThreeSeconds) {
+    tamper(BootAnswer::read_block, 5, [](Bytes& bytes) { bytes.clear(); });
+    const ToolRun silent = run(one_region());
+    tamper(BootAnswer::read_block, 5, [](Bytes& bytes) { bytes[6] = 1; });
+    const ToolRun refused = run(one_region());
+    EXPECT_EQ(refused.result(), readback_failure(-1));
+    // A whole reply takes 357 ms on the line.
+    EXPECT_NEAR(static_cast<double>(silent.duration_ms - refused.duration_ms), 5 * (3000 - 357),
+                10);
 }
 
 TEST_F(Ag3335ReadbackNewAgent, FailedSyncHasTheLineOfTheOldAgent) {

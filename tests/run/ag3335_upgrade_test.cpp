@@ -387,9 +387,7 @@ TEST(Ag3335Upgrade, StartsAt115200WhateverTheRateGiven) {
 
 TEST(Ag3335Upgrade, NewAgentAt115200KeepsThePortsSettings) {
     Upgrade upgrade(new_agent_size);
-    upgrade.write_package();
-    sim::Line line(upgrade.module, {}, {}, 0);
-    const ToolRun run(upgrade.module, upgrade.arguments({"-l", "115200"}));
+    const ToolRun run = upgrade.run({"-l", "115200"});
     EXPECT_EQ(run.result(), upgrade_success);
     EXPECT_EQ(run.rates, std::vector<unsigned>{115200});
     EXPECT_TRUE(contains(run.sent, hex("05 5A 06 00 15 21 00 C2 01 00")));
@@ -401,6 +399,96 @@ TEST(Ag3335Upgrade, NewAgentIsToldTheRateLittleEndian) {
     EXPECT_EQ(run.result(), upgrade_success);
     EXPECT_TRUE(contains(run.sent, hex("05 5A 06 00 15 21 C0 C6 2D 00")));
     EXPECT_EQ(run.rates, (std::vector<unsigned>{115200, 3'000'000}));
+}
+
+// --- the pauses ----------------------------------------------------------------------------------
+
+/// What the tool wrote in one go, by the pause in front of it.
+struct Item {
+    double pause_ms;  ///< since the item before
+    std::size_t size;
+};
+
+std::vector<Item> items_of(const ToolRun& run) {
+    std::vector<Item> items;
+    double last_ms = 0;
+    for (const auto& byte : run.trace) {
+        if (byte.direction != sim::Direction::to_module) {
+            continue;
+        }
+        const double now_ms = static_cast<double>(byte.time) / 1000;
+        if (items.empty() || now_ms - last_ms >= 1) {
+            items.push_back({now_ms - last_ms, 0});
+        }
+        ++items.back().size;
+        last_ms = now_ms;
+    }
+    return items;
+}
+
+std::vector<std::size_t> sizes_of(const std::vector<Item>& items) {
+    std::vector<std::size_t> sizes;
+    for (const Item& item : items) {
+        sizes.push_back(item.size);
+    }
+    return sizes;
+}
+
+void repeat(std::vector<std::size_t>& sizes, std::size_t count, std::size_t size) {
+    sizes.insert(sizes.end(), count, size);
+}
+
+/// The items up to the jump for an agent of some whole chunks and a rest.
+std::vector<std::size_t> opening_sizes(std::size_t agent_size) {
+    std::vector<std::size_t> sizes{1, 1, 1, 1, 1, 4, 4, 2, 1, 4, 4, 4};
+    repeat(sizes, agent_size / 1024, 1024);
+    sizes.insert(sizes.end(), {agent_size % 1024, 1, 4});
+    return sizes;
+}
+
+/// Items that are answered have a pause in front of the answer and one behind it.
+void expect_pauses(const std::vector<Item>& items, std::size_t first, std::size_t end,
+                   double least_ms) {
+    for (std::size_t index = first; index < end; ++index) {
+        EXPECT_GE(items.at(index).pause_ms, least_ms) << "item " << index;
+    }
+}
+
+TEST(Ag3335Pauses, KeepTheItemsOfAnOldAgentApart) {
+    Upgrade upgrade(old_agent_size);
+    const std::vector<Item> items = items_of(upgrade.run());
+    std::vector<std::size_t> expected = opening_sizes(old_agent_size);
+    expected.insert(expected.end(), {1, 1, 1, 2, 2, 1, 1, 1, 1, 1, 1});  // the sync
+    expected.insert(expected.end(), {2, 4, 4});                          // the format
+    repeat(expected, 100, 1);
+    expected.insert(expected.end(), {1, 4, 4, 4, 4096, 4, 4096, 4, 4, 1});  // the image
+    EXPECT_EQ(sizes_of(items), expected);
+    const std::size_t sync = 12 + 28 + 2;
+    expect_pauses(items, 2, 12, 2);
+    expect_pauses(items, sync, sync + 6, 2);
+    EXPECT_GE(items.at(sync + 7).pause_ms, 200) << "the rate changes between two long pauses";
+    expect_pauses(items, sync + 8, sync + 11, 2);
+}
+
+TEST(Ag3335Pauses, KeepTheFramesOfANewAgentApart) {
+    // At 115200 the port is left alone, and no time is needed for it.
+    for (const auto& [rate, pause_ms] : {std::pair{"115200", 100U}, {"921600", 200U}}) {
+        Ag3335Module::Settings settings;
+        settings.boot.new_agent.rate_settles = sim::milliseconds(pause_ms - 50);
+        Upgrade upgrade(new_agent_size, settings);
+        const std::vector<Item> items = items_of(upgrade.run({"-l", rate}));
+        std::vector<std::size_t> expected = opening_sizes(new_agent_size);
+        expected.insert(expected.end(), {10, 6, 6, 6});
+        repeat(expected, 77, 18);
+        repeat(expected, 2, 4112);
+        EXPECT_EQ(sizes_of(items), expected);
+        const std::size_t sync = 12 + 2 + 2;
+        EXPECT_GE(items.at(sync + 1).pause_ms, pause_ms + 1);
+        EXPECT_LT(items.at(sync + 1).pause_ms, pause_ms + 2);
+        expect_pauses(items, sync + 2, sync + 5, 20);
+        expect_pauses(items, sync + 5, sync + 81, 2);
+        EXPECT_GE(items.at(sync + 81).pause_ms, 20) << "the last block of the erase settles";
+    }
 }
 
 // --- agents --------------------------------------------------------------------------------------
@@ -488,6 +576,37 @@ TEST(Ag3335Agent, EmptyFileIsSentAsNothing) {
     upgrade.answer(BootAnswer::agent_signature, hex("00 00 00 00 00 00"));
     expect_failure(upgrade.run(), {"ag3335_send_Da_file serial_write last DA fail",
                                    "ag3335_upgrade send_Da_file error"});
+}
+
+/// A module during whose run a file becomes shorter.
+class ShorteningModule : public Ag3335Module {
+  public:
+    /// `at` is the number of the byte, from 1, at whose arrival it happens.
+    ShorteningModule(std::string path, std::size_t at) : path_(std::move(path)), at_(at) {}
+    void receive(std::uint8_t byte, sim::Micros now, sim::Wire& wire) override {
+        if (++heard_ == at_) {
+            std::filesystem::resize_file(path_, 4096);
+        }
+        Ag3335Module::receive(byte, now, wire);
+    }
+
+  private:
+    std::string path_;
+    std::size_t at_;
+    std::size_t heard_ = 0;
+};
+
+TEST(Ag3335Agent, FileThatBecomesShorterEndsTheRun) {
+    const std::size_t announcement = opening_bytes().size() + 13;
+    for (const auto& [size, line] : {std::pair{8000U, "read Da file(8000) fail"},
+                                     std::pair{5000U, "read last Da file(5000) fail"}}) {
+        Upgrade upgrade(size);
+        upgrade.write_package();
+        ShorteningModule module(upgrade.folder.path("agent.da"), announcement + 1);
+        const ToolRun run(module, upgrade.arguments());
+        expect_failure(run, {line, "ag3335_upgrade send_Da_file error"});
+        EXPECT_EQ(run.sent.size(), announcement + 4096);
+    }
 }
 
 // --- the options ---------------------------------------------------------------------------------
@@ -776,8 +895,7 @@ TEST(Ag3335Handshake, ProbeThatCannotBeWrittenIsTriedAgain) {
     EXPECT_EQ(upgrade.run({}, conditions).result(), upgrade_success);
 }
 
-// --- answers that are wrong, and writes that fail
-// -------------------------------------------------
+// --- answers that are wrong, and writes that fail ------------------------------------------------
 
 /// An answer that is changed, at which occurrence, and the ERROR lines that follow.
 struct WrongAnswer {
@@ -1021,6 +1139,9 @@ TEST(Ag3335OldSync, AgentThatIgnoresTheRateProbesIsAsked20Times) {
     const ToolRun run = upgrade.run();
     EXPECT_EQ(upgrade.module.boot.voice.count(BootAnswer::rate_probe), 20U);
     EXPECT_EQ(run.result(), upgrade_success) << "the sync goes on regardless";
+    Upgrade quick(old_agent_size);
+    const auto longer = run.duration_ms - quick.run().duration_ms;
+    EXPECT_NEAR(static_cast<double>(longer), 20 * 502, 20);
 }
 
 TEST(Ag3335OldSync, LateAnswerToAProbeIsEnough) {
@@ -1073,15 +1194,6 @@ TEST(Ag3335NewSync, FailuresAndTheirLines) {
         {new_sync_begins + 3, writes("0x2110")},
     };
     expect_failed_writes(new_agent_size, writes_that_fail);
-}
-
-TEST(Ag3335NewSync, RepliesAreAwaitedForThreeSeconds) {
-    Upgrade slow(new_agent_size);
-    slow.answer(BootAnswer::flash_address, {});
-    Upgrade fast(new_agent_size);
-    fast.answer(BootAnswer::flash_address, hex("05 5A 07 00 0E 21 01 00 00 00 08"));
-    const auto difference = slow.run().duration_ms - fast.run().duration_ms;
-    EXPECT_NEAR(static_cast<double>(difference), 3000, 5);
 }
 
 // --- the format ----------------------------------------------------------------------------------
@@ -1155,7 +1267,9 @@ TEST(Ag3335OldFormat, SilentAgentIsAskedAgainForTheSamePerCent) {
     EXPECT_EQ(run.result(), upgrade_success);
     EXPECT_EQ(run.count("[PROGRESS] 42.00%\r\n"), 1U);
     EXPECT_EQ(upgrade.module.boot.voice.count(BootAnswer::format_progress), 300U);
-    EXPECT_GT(run.duration_ms, 200'000U);
+    Upgrade quick(old_agent_size);
+    const auto longer = run.duration_ms - quick.run().duration_ms;
+    EXPECT_NEAR(static_cast<double>(longer), 200 * 1002, 100);
 }
 
 TEST(Ag3335OldFormat, EndlessSilenceEndsOnceTheDeviceIsGone) {
@@ -1183,6 +1297,10 @@ TEST(Ag3335OldFormat, EndThatIsNotReportedIsAskedFor11Times) {
     // The twelfth 0x5A is the closing one, which this agent takes for one more question.
     EXPECT_EQ(upgrade.module.boot.voice.count(BootAnswer::format_progress), 99U + 11 + 1);
     EXPECT_EQ(run.count("[PROGRESS] 100%\r\n"), 1U);
+    const std::vector<Item> items = items_of(run);
+    for (std::size_t index = items.size() - 11; index < items.size(); ++index) {
+        EXPECT_NEAR(items[index].pause_ms, 502, 1.5) << "half a second for each answer";
+    }
     expect_failure(run, step_failed("format_module_flash serial_read 0x5a fail:",
                                     "format_module_flash error"));
 }
@@ -1271,15 +1389,6 @@ TEST(Ag3335OldWrite, FlashThatDoesNotTakeAPacketEndsTheWrite) {
     const auto held = upgrade.module.flash().read(flash_base, 100);
     EXPECT_TRUE(std::equal(held.begin(), held.end(), upgrade.images[0].content.begin()))
         << "an image that is written stays written";
-}
-
-TEST(Ag3335OldWrite, ImageSumIsAwaitedForThreeSeconds) {
-    Upgrade slow(old_agent_size);
-    slow.answer(BootAnswer::image_sum, {});
-    Upgrade fast(old_agent_size);
-    fast.answer(BootAnswer::image_sum, hex("A5"));
-    const auto difference = slow.run().duration_ms - fast.run().duration_ms;
-    EXPECT_NEAR(static_cast<double>(difference), 3000, 5);
 }
 
 TEST(Ag3335OldWrite, ClosingByteTellsABootLoader) {
@@ -1434,12 +1543,98 @@ TEST(Ag3335NewWrite, LastReplyIsAwaitedLongerThanTheOthers) {
     };
     const Bytes refusal = hex("05 5A 07 00 00 21 03 00 40 00 08");
     EXPECT_NEAR(duration(1, {}) - duration(1, refusal), 3000, 5);
-    // 1000 bytes to wait for end at the time-out: 500 ms after the frame.
+    // A full block's answer that stays away: 500 ms after the frame, and its pause.
     Upgrade upgrade(new_agent_size);
     upgrade.answer(BootAnswer::write_block, {}, 0);
     const ToolRun run = upgrade.run();
     const std::uint64_t last_byte = (run.trace.back().time - sim::VirtualPort::start) / 1000;
     EXPECT_NEAR(static_cast<double>(run.duration_ms - last_byte), 501, 2);
+}
+
+// --- the waits -----------------------------------------------------------------------------------
+
+/// How long an answer is awaited: the run with a wrong one ends that much earlier than the run
+/// without one.
+struct Wait {
+    BootAnswer which;
+    std::string wrong;
+    double limit_ms;
+    int time = -1;
+};
+
+void expect_waits(std::size_t agent_size, const std::vector<Wait>& waits) {
+    for (const Wait& wait : waits) {
+        SCOPED_TRACE(static_cast<int>(wait.which));
+        const auto duration = [&](const Bytes& instead) {
+            Upgrade upgrade(agent_size);
+            upgrade.answer(wait.which, instead, wait.time);
+            return static_cast<double>(upgrade.run().duration_ms);
+        };
+        // An agent takes its time before it answers.
+        EXPECT_NEAR(duration({}) - duration(hex(wait.wrong)), wait.limit_ms, 60);
+    }
+}
+
+TEST(Ag3335Waits, ForTheLoaderAndTheOldAgent) {
+    const std::vector<Wait> waits{
+        {BootAnswer::start_0a, "00", 500},
+        {BootAnswer::write_address, "00 00 00 00", 500},
+        {BootAnswer::write_count, "00 00 00 00 00 00", 500},
+        {BootAnswer::agent_signature, "00 00 00 00 00 01", 500},
+        {BootAnswer::agent_checksum, "00 00 00 01", 500},
+        {BootAnswer::jump_status, "00 01", 500},
+        {BootAnswer::first_word, "00", 500},
+        {BootAnswer::sync_3f, "00", 500},
+        {BootAnswer::sync_0c00, "00 00 00", 500},
+        {BootAnswer::sync_end, "00 00", 500},
+        {BootAnswer::flash_report, "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00", 500},
+        {BootAnswer::format_accepted, "00 00", 1000},
+        {BootAnswer::format_progress, "00 00 00 00 00", 3000, 0},
+        {BootAnswer::format_closed, "00", 1000},
+        {BootAnswer::image_accepted, "00 00", 500},
+        {BootAnswer::packet_written, "00", 500},
+        {BootAnswer::last_packet, "00 00", 500},
+        {BootAnswer::image_sum, "00", 3000},
+        {BootAnswer::image_closed, "00", 500},
+    };
+    expect_waits(old_agent_size, waits);
+}
+
+TEST(Ag3335Waits, ForTheNewAgent) {
+    const std::vector<Wait> waits{
+        {BootAnswer::set_rate, "05 5A 03 00 15 21 01", 3000},
+        {BootAnswer::flash_address, "05 5A 07 00 0E 21 01 00 00 00 08", 3000},
+        {BootAnswer::flash_size, "05 5A 07 00 0F 21 01 00 00 40 00", 3000},
+        {BootAnswer::flash_id, "05 5A 06 00 10 21 01 C8 60 16", 3000},
+        {BootAnswer::erase_block, "05 5A 07 00 04 21 01 00 00 00 08", 3000, 0},
+        {BootAnswer::erase_block, "05 5A 07 00 04 21 01 00 00 00 08", 3000, 61},
+        {BootAnswer::erase_block, "05 5A 07 00 04 21 01 00 00 00 08", 3000, 76},
+    };
+    expect_waits(new_agent_size, waits);
+}
+
+/// Answers are collected whole, however slowly their bytes follow each other.
+TEST(Ag3335Waits, BytesOfAnAnswerMayComeApart) {
+    for (const std::size_t agent_size : {old_agent_size, new_agent_size}) {
+        Upgrade smooth(agent_size);
+        const std::uint64_t all = smooth.run().received.size();
+        Conditions conditions;
+        // Each byte is later than the one before by 2 ms, up to the eighth.
+        const auto delay = [&conditions](std::uint64_t byte) {
+            conditions.faults.push_back({.kind = sim::FaultKind::delay,
+                                         .direction = sim::Direction::to_host,
+                                         .byte = byte,
+                                         .amount = 2 + byte % 8 * 2});
+        };
+        for (std::uint64_t byte = 0; byte < 110; ++byte) {
+            delay(byte);
+        }
+        for (std::uint64_t byte = all - 20; byte < all; ++byte) {
+            delay(byte);
+        }
+        Upgrade upgrade(agent_size);
+        EXPECT_EQ(upgrade.run({}, conditions).result(), upgrade_success);
+    }
 }
 
 // --- the package ---------------------------------------------------------------------------------
@@ -1578,6 +1773,29 @@ TEST_P(Ag3335Package, FolderInPlaceOfAnImageFails) {
     }
 }
 
+TEST_P(Ag3335Package, DeviceInPlaceOfAnImageFails) {
+    upgrade.write_package();
+    std::filesystem::remove(upgrade.folder.path("a.bin"));
+    std::filesystem::create_symlink("/dev/ptmx", upgrade.folder.path("a.bin"));
+    const ToolRun run(upgrade.module, upgrade.arguments());
+    expect_failure(run, old() ? write_failed("fseek -1 error(29) (Illegal seek)")
+                              : silently_failed("send_fw_file_new_Da error"));
+}
+
+TEST_P(Ag3335Package, ImageThatBecomesShorterFails) {
+    upgrade.images = {{"a.bin", flash_base, random_image(3 * std::size_t{4096})}};
+    const std::string path = upgrade.folder.path("a.bin");
+    // What the agent says just before, and just behind, the first piece of the image.
+    const BootAnswer moment = old() ? BootAnswer::image_accepted : BootAnswer::write_block;
+    upgrade.module.boot.voice.tamper = [&](BootAnswer which, unsigned number, Bytes&) {
+        if (which == moment && number == 0) {
+            std::filesystem::resize_file(path, 4096);
+        }
+    };
+    expect_failure(upgrade.run(), old() ? write_failed("fread 0 error(0) (Success)")
+                                        : silently_failed("send_fw_file_new_Da error"));
+}
+
 TEST_P(Ag3335Package, TwelveImagesAreTheMost) {
     const auto numbered = [](unsigned count) {
         std::vector<Image> images;
@@ -1616,6 +1834,17 @@ TEST_P(Ag3335Package, LayoutLinesThatMeanNothingDoNoHarm) {
     EXPECT_EQ(sent_images(run), (Lines{"a.bin", "b.bin"}));
     const auto held = upgrade.module.flash().read(flash_base + 0x5000, 100);
     EXPECT_TRUE(std::equal(held.begin(), held.end(), upgrade.images[1].content.begin()));
+}
+
+TEST_P(Ag3335Package, LayoutValuesBeginAtAFixedDistanceBehindTheirKeys) {
+    upgrade.with_layout = false;
+    upgrade.folder.write("flash_download.cfg",
+                         std::string("a_rom:_b\nmy_file:|a.bin\nthe_begin_address:===8005000\n"));
+    const ToolRun run = upgrade.run();
+    EXPECT_EQ(run.result(), upgrade_success);
+    EXPECT_EQ(sent_images(run), Lines{"a.bin"});
+    const auto held = upgrade.module.flash().read(flash_base + 0x5000, 100);
+    EXPECT_TRUE(std::equal(held.begin(), held.end(), upgrade.images[0].content.begin()));
 }
 
 TEST_P(Ag3335Package, EntryWithoutAFileFails) {
@@ -1692,6 +1921,33 @@ TEST(Ag3335SoftReset, AsksUntilTheModuleIsGone) {
     EXPECT_EQ(run.closes, 1);
     EXPECT_EQ(Bytes(run.sent.begin(), run.sent.begin() + 13),
               Bytes(reboot_sentence.begin(), reboot_sentence.end()));
+}
+
+/// Firmware that answers the first sentence in two pieces and the second one whole.
+class HesitantModule : public SilentModule {
+  public:
+    void receive(std::uint8_t byte, sim::Micros now, sim::Wire& wire) override {
+        SilentModule::receive(byte, now, wire);
+        if (byte == '\n' && ++sentences == 1) {
+            wire.send(std::string_view("$PA"));
+            wire.send(std::string_view("IR"), sim::milliseconds(20));
+        } else if (byte == '\n' && sentences == 2) {
+            wire.send(std::string_view("$PAIR001"), sim::milliseconds(60));
+        }
+    }
+    int sentences = 0;
+};
+
+TEST(Ag3335SoftReset, AnswerCountsWhenItComesInOnePiece) {
+    Upgrade upgrade(new_agent_size);
+    upgrade.model = "TR75XBA-SR01";
+    upgrade.write_package();
+    HesitantModule hesitant;
+    const ToolRun run(hesitant, upgrade.arguments());
+    EXPECT_GE(hesitant.sentences, 2);
+    EXPECT_EQ(run.count("[INFO] soft reset success\n"), 1U);
+    expect_failure(run,
+                   {"ag3335_handshake Hand Shake Timeout:0", "ag3335_upgrade handshake error"});
 }
 
 TEST(Ag3335SoftReset, PortThatCannotBeOpened) {
