@@ -62,13 +62,8 @@ int erase_flash(const Step& step, std::uint32_t length);
 /// Writes the selected images of a package, with PROGRESS and SPEED. `reply_ms` is how long the
 /// answer to each full block of an image is awaited; the last one of each has `reply_timeout`.
 ///
-<<<<<<< HEAD
-/// The third refused block of an image ends it. A refused block is not sent again: the next one
-/// goes to the same address.
-=======
 /// A refused block is not sent again: the next one goes to the same address, and the image counts
 /// as written all the same. The third refusal in an image ends it.
->>>>>>> rev-ag3335
 ///
 /// Returns 0 or -1; a port that fails, an answer that stays away and an image that cannot be read
 /// end it without a line.
