@@ -54,6 +54,9 @@ class Master {
         if (usable_) {
             cfmakeraw(&raw);
             tcsetattr(descriptor_, TCSANOW, &raw);
+            // Only a terminal that was open once reports that it is closed; what a module says into
+            // a closed port must not wait there for the tool.
+            close(open(ptsname(descriptor_), O_RDWR | O_NOCTTY | O_CLOEXEC));
         }
     }
     ~Master() {

@@ -156,7 +156,7 @@ void Rx7040Module::wake(Micros now, Wire& wire) {
             stage_ = Stage::loader_waits;
             break;
         case Stage::loader_verifies:
-            wire.send(behaviour_.package_is_good ? "Download success\r\n" : "Download failed\r\n");
+            wire.send(behaviour_.verdict);
             stage_ = Stage::finished;
             break;
         default:

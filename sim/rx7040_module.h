@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "app_loader.h"
@@ -17,7 +18,7 @@ class Rx7040Module : public AppLoader {
     struct Behaviour {
         bool loader_starts = true;     ///< the loader package is a good one
         bool loader_has_words = true;  ///< an older loader answers a command with 'C's alone
-        bool package_is_good = true;   ///< the loader's verdict on the firmware package
+        std::string_view verdict = "Download success\r\n";  ///< on the firmware package
         Micros loader_start_time = milliseconds(80);
         Micros erase_time = milliseconds(400);
         Micros verify_time = milliseconds(300);

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
+#include <optional>
 
 #include "core/kv_flash_tool.h"
 #include "core/kv_log.h"
@@ -135,6 +136,21 @@ std::size_t ToolRun::count(const std::string& text) const {
     for (std::size_t at = output.find(text); at != std::string::npos;
          at = output.find(text, at + text.size())) {
         ++found;
+    }
+    return found;
+}
+
+std::vector<Micros> ToolRun::pauses() const {
+    std::vector<Micros> found;
+    std::optional<Micros> before;
+    for (const auto& byte : trace) {
+        if (byte.direction != Direction::to_module) {
+            continue;
+        }
+        if (before && byte.time - *before > milliseconds(1)) {
+            found.push_back(byte.time - *before);
+        }
+        before = byte.time;
     }
     return found;
 }

@@ -61,6 +61,9 @@ class ToolRun {
 
     /// How often `text` stands in the output.
     [[nodiscard]] std::size_t count(const std::string& text) const;
+
+    /// The silences of more than 1 ms between the bytes that the tool sent, in order.
+    [[nodiscard]] std::vector<Micros> pauses() const;
 };
 
 }  // namespace orbix::sim

@@ -62,8 +62,8 @@ int erase_flash(const Step& step, std::uint32_t length);
 /// Writes the selected images of a package, with PROGRESS and SPEED. `reply_ms` is how long the
 /// answer to each full block of an image is awaited; the last one of each has `reply_timeout`.
 ///
-/// At most three blocks of an image may be refused. A refused block is not sent again: the next
-/// one goes to the same address.
+/// The third refused block of an image ends it. A refused block is not sent again: the next one
+/// goes to the same address.
 ///
 /// Returns 0 or -1; a port that fails, an answer that stays away and an image that cannot be read
 /// end it without a line.

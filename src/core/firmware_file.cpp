@@ -11,16 +11,21 @@ namespace orbix {
 // Paths stay what the system handed over: std::filesystem would read them as UTF-8 on Windows.
 namespace {
 
-bool is_folder(const char* path) {
+/// Why what stands there cannot be an image, as an errno, or 0. Devices and pipes have no length,
+/// and some of them no end.
+int reason_against(const char* path) {
     struct stat about {};
-    return stat(path, &about) == 0 && S_ISDIR(about.st_mode);
+    if (stat(path, &about) != 0 || S_ISREG(about.st_mode)) {
+        return 0;
+    }
+    return S_ISDIR(about.st_mode) ? EISDIR : ESPIPE;
 }
 
 }  // namespace
 
 FirmwareFile::FirmwareFile(const char* path) {
-    if (is_folder(path)) {
-        errno = EISDIR;
+    if (const int reason = reason_against(path); reason != 0) {
+        errno = reason;
         return;
     }
     file_.reset(std::fopen(path, "rb"));

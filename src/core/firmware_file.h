@@ -11,8 +11,8 @@ namespace orbix {
 /// An image file that is open for reading; closed when it goes out of scope.
 class FirmwareFile {
   public:
-    /// Opens the file and measures it. A folder, or a file of 2 GiB or more, counts as one that
-    /// cannot be opened. Ask `is_open`; `errno` holds the reason of a failure.
+    /// Opens the file and measures it. A folder, a device, a pipe, or a file of 2 GiB or more
+    /// counts as one that cannot be opened. Ask `is_open`; `errno` holds the reason of a failure.
     explicit FirmwareFile(const char* path);
 
     [[nodiscard]] bool is_open() const { return file_ != nullptr; }

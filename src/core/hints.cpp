@@ -21,11 +21,11 @@ constexpr std::size_t letters_shown = 32;
 /// What arrived while the first answer was awaited.
 struct Arrivals {
     bool awaited = false;
-    std::size_t count = 0;
+    unsigned count = 0;
     std::array<std::uint8_t, sample_size> first{};
 
     [[nodiscard]] std::span<const std::uint8_t> sample() const {
-        return std::span(first).first(std::min(count, first.size()));
+        return std::span(first).first(std::min<std::size_t>(count, first.size()));
     }
 };
 
@@ -122,10 +122,10 @@ void explain_failure() {
         give("the module sends text (\"%s\"): its firmware runs; reset it, or try another mode\n",
              first_line(sample).c_str());
     } else if (share(is_rate_garbage) >= 30) {
-        give("%zu bytes arrived (%s) as if at another rate; try another -b\n", arrivals.count,
+        give("%u bytes arrived (%s) as if at another rate; try another -b\n", arrivals.count,
              first_bytes(sample).c_str());
     } else {
-        give("%zu bytes arrived (%s) that are no answer; is the model right, and the mode?\n",
+        give("%u bytes arrived (%s) that are no answer; is the model right, and the mode?\n",
              arrivals.count, first_bytes(sample).c_str());
     }
 }

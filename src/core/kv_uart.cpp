@@ -92,10 +92,8 @@ SerialHandle serial_open(const char* name, unsigned baud) {
     }
     hints::port_opened();
     vanished = no_port;
-    platform::LineSettings settings;
-    platform::current().get_settings(handle, settings);
-    settings = {.baud = baud};  // no parity, both control fields off
-    platform::current().set_settings(handle, settings);
+    // No parity, both control fields off.
+    platform::current().set_settings(handle, {.baud = baud});
     serial_CfgDTR(handle, dtr_state);
     serial_CfgRTS(handle, rts_state);
     return handle;

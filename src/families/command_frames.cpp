@@ -135,6 +135,15 @@ void take_option(int letter, const char* value, Options& options) {
     }
 }
 
+Options parse_options(int argc, char** argv) {
+    Options options;
+    OptionScan scan(argc, argv, "m:p:f:b:tD");
+    for (int letter = scan.next(); letter != -1; letter = scan.next()) {
+        take_option(letter, scan.value(), options);
+    }
+    return options;
+}
+
 int synchronise(SerialHandle handle, const Dialect& dialect) {
     return upgrade::sync_boot_loader(handle, dialect.first_sync, dialect.second_sync);
 }

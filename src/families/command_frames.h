@@ -24,6 +24,9 @@ struct Options {
 /// Logs one of `-p`, `-b`, `-f`, `-m` and `-D` and takes its value over. Other letters do nothing.
 void take_option(int letter, const char* value, Options& options);
 
+/// Reads the command line of an upgrade that knows these five options alone. `-t` is let pass.
+Options parse_options(int argc, char** argv);
+
 /// The values in which the modules differ. Times are in ms.
 struct Dialect {
     upgrade::SyncTiming first_sync;

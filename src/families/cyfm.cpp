@@ -56,7 +56,8 @@ int judge_cyfm_fw(const char* path, std::span<std::uint8_t> buffer, std::uint32_
     const auto length = static_cast<std::size_t>(file.size());
     log_info("firmware name <%s>, file size <%d>\n", path, file.size());
     if (length > buffer.size()) {
-        hints::give("a firmware package has at most %zu bytes\n", buffer.size());
+        hints::give("a firmware package has at most %u bytes\n",
+                    static_cast<unsigned>(buffer.size()));
         return -1;
     }
     size = static_cast<std::uint32_t>(file.read(buffer.first(length)));

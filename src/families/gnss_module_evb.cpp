@@ -1,7 +1,6 @@
 #include "families/gnss_module_evb.h"
 
 #include "core/kv_log.h"
-#include "core/options.h"
 #include "families/command_frames.h"
 
 namespace orbix::evb {
@@ -22,20 +21,11 @@ constexpr command_frames::VersionQuery version_query{
 
 constexpr command_frames::ImageWords image_words{.third = 0, .fourth = 0x01000000};
 
-command_frames::Options parse_options(int argc, char** argv) {
-    command_frames::Options options;
-    OptionScan scan(argc, argv, "m:p:f:b:tD");
-    for (int letter = scan.next(); letter != -1; letter = scan.next()) {
-        command_frames::take_option(letter, scan.value(), options);
-    }
-    return options;
-}
-
 }  // namespace
 
 int GNSS_MODULE_EVB_Upgrade(int argc, char** argv) {
     log_plain(" Enter GNSS_EVB_upgrade\n");
-    const command_frames::Options options = parse_options(argc, argv);
+    const command_frames::Options options = command_frames::parse_options(argc, argv);
     const char* const firmware = options.firmware.c_str();
 
     log_info("Connect...\n");

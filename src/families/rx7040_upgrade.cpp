@@ -1,5 +1,4 @@
 #include "core/kv_log.h"
-#include "core/options.h"
 #include "families/command_frames.h"
 #include "families/rx7040.h"
 
@@ -18,20 +17,11 @@ constexpr command_frames::Dialect dialect{
 constexpr command_frames::VersionQuery version_query{
     .command_class = 0x02, .id = 0x71, .silence_limit = 0};
 
-command_frames::Options parse_options(int argc, char** argv) {
-    command_frames::Options options;
-    OptionScan scan(argc, argv, "m:p:f:b:tD");
-    for (int letter = scan.next(); letter != -1; letter = scan.next()) {
-        command_frames::take_option(letter, scan.value(), options);
-    }
-    return options;
-}
-
 }  // namespace
 
 int upgrade_entry(int argc, char** argv) {
     log_plain(" Enter upgrade\n");
-    const command_frames::Options options = parse_options(argc, argv);
+    const command_frames::Options options = command_frames::parse_options(argc, argv);
 
     log_info("Connect...\n");
     const SerialHandle handle =

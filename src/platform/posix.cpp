@@ -33,7 +33,7 @@ constexpr std::uint64_t millisecond = 1000 * microsecond;
 constexpr std::uint64_t second = 1000 * millisecond;
 constexpr std::uint64_t never = UINT64_MAX;
 
-/// Start bit, eight data bits, stop bit.
+/// Start bit, eight data bits, stop bit; a parity bit comes on top.
 constexpr std::uint64_t bits_per_byte = 10;
 
 /// A descriptor that is open as a port, and the time at which the line has carried the last byte
@@ -224,7 +224,8 @@ std::uint64_t line_time_ns(int descriptor, std::size_t bytes) {
     if (ioctl(descriptor, TCGETS2, &settings) != 0 || settings.c_ospeed == 0) {
         return 0;
     }
-    return bytes * bits_per_byte * second / settings.c_ospeed;
+    const std::uint64_t bits = bits_per_byte + ((settings.c_cflag & PARENB) != 0 ? 1 : 0);
+    return bytes * bits * second / settings.c_ospeed;
 }
 
 /// Waits until the line has carried what was written: for the time that the bytes take, because a

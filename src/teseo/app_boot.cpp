@@ -165,8 +165,9 @@ int write_image(SerialHandle handle, const char* path) {
         sent += static_cast<std::int32_t>(count);
         teseo::log_transfer(sent, file_len);
     }
-    if (file.failed()) {
-        std::perror(path);
+    if (sent != file_len) {
+        // Nothing else would tell: the processor does not know how much it is to get.
+        std::fputs("hint: the image could not be read to its end\n", stderr);
         return -1;
     }
     return 0;

@@ -80,52 +80,35 @@ bool is_intact(std::span<const std::uint8_t, reply_length> reply) {
 }
 
 int judge_status(std::uint8_t status) {
-    switch (status) {
-        case 0x00:
-            return 0;
-        case 0x01:
-            log_error("Unknow error.\n");
-            break;
-        case 0x02:
-            log_error("CRC32 checksum error.\n");
-            break;
-        case 0x03:
-            log_error("Timeout.\n");
-            break;
-        case 0x04:
-            log_error("Unsupported message.\n");
-            break;
-        case 0x05:
-            log_error("Message package error.\n");
-            break;
-        case 0x06:
-            log_error("Message fm size error.\n");
-            break;
-        case 0x10:
-            log_error("GNSS synchronization error.\n");
-            break;
-        case 0x11:
-            log_error("GNSS change baud rate error.\n");
-            break;
-        case 0x12:
-            log_error("GNSS Bootloader error.\n");
-            break;
-        case 0x13:
-            log_error("GNSS firmware information error.\n");
-            break;
-        case 0x14:
-            log_error("GNSS firmware upgrade error.\n");
-            break;
-        case 0x20:
-            log_error("APP firmware area erase error.\n");
-            break;
-        case 0x21:
-            log_error("APP firmware write to Flash error.\n");
-            break;
-        default:
-            log_ack_not_expected(status);
-            break;
+    struct StatusLine {
+        std::uint8_t status;
+        const char* line;
+    };
+    static constexpr std::array status_lines{
+        StatusLine{0x01, "Unknow error.\n"},
+        StatusLine{0x02, "CRC32 checksum error.\n"},
+        StatusLine{0x03, "Timeout.\n"},
+        StatusLine{0x04, "Unsupported message.\n"},
+        StatusLine{0x05, "Message package error.\n"},
+        StatusLine{0x06, "Message fm size error.\n"},
+        StatusLine{0x10, "GNSS synchronization error.\n"},
+        StatusLine{0x11, "GNSS change baud rate error.\n"},
+        StatusLine{0x12, "GNSS Bootloader error.\n"},
+        StatusLine{0x13, "GNSS firmware information error.\n"},
+        StatusLine{0x14, "GNSS firmware upgrade error.\n"},
+        StatusLine{0x20, "APP firmware area erase error.\n"},
+        StatusLine{0x21, "APP firmware write to Flash error.\n"},
+    };
+    if (status == 0) {
+        return 0;
     }
+    for (const StatusLine& known : status_lines) {
+        if (known.status == status) {
+            log_error("%s", known.line);
+            return -1;
+        }
+    }
+    log_ack_not_expected(status);
     return -1;
 }
 
@@ -144,7 +127,8 @@ int send_second_probe(SerialHandle handle) {
     return 0;
 }
 
-/// Sends the pieces that `read_piece` puts into its buffer until it brings none.
+/// Sends the pieces that `read_piece` puts into its buffer until it brings none: all `file_len`
+/// bytes, or it is a failure.
 template <typename ReadPiece>
 int send_packets(SerialHandle handle, const NmeaUpgrade& upgrade, std::int32_t file_len,
                  ReadPiece read_piece) {
@@ -162,6 +146,11 @@ int send_packets(SerialHandle handle, const NmeaUpgrade& upgrade, std::int32_t f
         sent += static_cast<std::int32_t>(count);
         log_transfer(sent, file_len);
     }
+    if (sent != file_len) {
+        // The agent waits for the rest, and is asked nothing more that could tell.
+        std::fputs("hint: the image could not be read to its end\n", stderr);
+        return -1;
+    }
     return 0;
 }
 
@@ -173,14 +162,8 @@ int send_file(SerialHandle handle, const NmeaUpgrade& upgrade, const char* path,
         return -1;
     }
     log_info("Sending Firmware...\n");
-    const int result =
-        send_packets(handle, upgrade, file_len,
-                     [&file](std::span<std::uint8_t> buffer) { return file.read(buffer); });
-    if (result == 0 && file.failed()) {
-        std::perror(path);
-        return -1;
-    }
-    return result;
+    return send_packets(handle, upgrade, file_len,
+                        [&file](std::span<std::uint8_t> buffer) { return file.read(buffer); });
 }
 
 int send_memory(SerialHandle handle, const NmeaUpgrade& upgrade, std::span<const std::uint8_t> rest,

@@ -108,7 +108,8 @@ int Kv_Nmea_Send_Firmware_Info(SerialHandle handle, const NmeaUpgrade& upgrade,
 /// The module erases its area before it answers, which may take 3 minutes.
 int Kv_Nmea_Send_Start_Upgrade(SerialHandle handle, const NmeaUpgrade& upgrade);
 
-/// Sends the image in numbered packets with PROGRESS and SPEED lines.
+/// Sends the image in numbered packets with PROGRESS and SPEED lines. An image that does not bring
+/// the announced `file_len` bytes, because its file has changed meanwhile, is a failure.
 int Kv_Nmea_Send_Firmware(SerialHandle handle, const NmeaUpgrade& upgrade,
                           const UpgradeImage& image, std::int32_t file_len);
 

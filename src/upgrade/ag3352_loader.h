@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 
 #include "ag3335/package.h"
 #include "core/kv_uart.h"

@@ -26,6 +26,22 @@ int exchange(SerialHandle handle, std::span<const std::uint8_t> frame, ResponseB
     return Kv_Upgrade_ReceiveFrame(handle, response);
 }
 
+/// Sends a command that is answered by a general acknowledgement. `refusal` is the ERROR line when
+/// the boot loader says no, with one conversion for the code.
+int request(SerialHandle handle, std::span<const std::uint8_t> frame, const char* refusal) {
+    ResponseBuffer response{};
+    int result = exchange(handle, frame, response);
+    if (result != 0) {
+        return result;
+    }
+    result = Kv_Upgrade_DecodeMsg(response);
+    if (result != 0) {
+        log_error(refusal, static_cast<unsigned>(result));
+        return response_refused;
+    }
+    return 0;
+}
+
 /// Sends one firmware frame until it is acknowledged.
 int send_block(SerialHandle handle, std::span<const std::uint8_t> frame) {
     for (int attempt = 1; attempt <= firmware_attempts; ++attempt) {
@@ -94,36 +110,16 @@ int send_firmware_info(SerialHandle handle, const FramedTarget& target, const ch
     }
 
     CommandBuffer buffer{};
-    ResponseBuffer response{};
     const std::int32_t length = Kv_Upgrade_EncodeInfo(target.address, buffer, info);
-    int result = exchange(handle, frame_of(buffer, length), response);
-    if (result != 0) {
-        return result;
-    }
-    result = Kv_Upgrade_DecodeMsg(response);
-    if (result != 0) {
-        log_error("SendFirmwareInfo --- Kv_Upgrade_DecodeMsg failed errro code %04x\n",
-                  static_cast<unsigned>(result));
-        return response_refused;
-    }
-    return 0;
+    return request(handle, frame_of(buffer, length),
+                   "SendFirmwareInfo --- Kv_Upgrade_DecodeMsg failed errro code %04x\n");
 }
 
 int erase_application(SerialHandle handle, const FramedTarget& target) {
     CommandBuffer buffer{};
-    ResponseBuffer response{};
     const std::int32_t length = Kv_Upgrade_EncodeErase(target.address, buffer);
-    int result = exchange(handle, frame_of(buffer, length), response);
-    if (result != 0) {
-        return result;
-    }
-    result = Kv_Upgrade_DecodeMsg(response);
-    if (result != 0) {
-        log_error("EraseAPP --- Kv_Upgrade_DecodeMsg failed errro code %04x\n",
-                  static_cast<unsigned>(result));
-        return response_refused;
-    }
-    return 0;
+    return request(handle, frame_of(buffer, length),
+                   "EraseAPP --- Kv_Upgrade_DecodeMsg failed errro code %04x\n");
 }
 
 int send_firmware(SerialHandle handle, const FramedTarget& target, const char* path) {
@@ -163,20 +159,10 @@ int send_firmware(SerialHandle handle, const FramedTarget& target, const char* p
 
 int reset_module(SerialHandle handle, const FramedTarget& target) {
     CommandBuffer buffer{};
-    ResponseBuffer response{};
     const std::int32_t length =
         Kv_Upgrade_EncodeReboot(target.address, buffer, target.reboot_mode, 0);
-    int result = exchange(handle, frame_of(buffer, length), response);
-    if (result != 0) {
-        return result;
-    }
-    result = Kv_Upgrade_DecodeMsg(response);
-    if (result != 0) {
-        log_error("Reset --- Kv_Upgrade_DecodeMsg failed errro code %04x\n",
-                  static_cast<unsigned>(result));
-        return response_refused;
-    }
-    return 0;
+    return request(handle, frame_of(buffer, length),
+                   "Reset --- Kv_Upgrade_DecodeMsg failed errro code %04x\n");
 }
 
 }  // namespace orbix::upgrade

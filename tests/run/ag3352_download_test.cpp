@@ -474,6 +474,18 @@ TEST_F(Ag3352Download, ThirdRefusalEndsTheImage) {
     EXPECT_EQ(module.boot.voice.count(BootAnswer::write_block), 4U);
 }
 
+TEST_F(Ag3352Download, ThirdRefusalJustBeforeTheLastBlockEndsTheImageToo) {
+    use({{"app.bin", 0x08010000, random_image(4 * block_size)}});
+    module.boot.voice.flash_fails = [](BootAnswer which, unsigned number) {
+        return which == BootAnswer::write_block && number < 3;
+    };
+    const ToolRun result = run();
+    const auto lines = result.family_lines();
+    EXPECT_EQ(lines[lines.size() - 3], "[ERROR] send fw data fail");
+    EXPECT_EQ(lines[lines.size() - 2], error("send_fw_file error"));
+    EXPECT_EQ(module.boot.voice.count(BootAnswer::write_block), 3U);
+}
+
 TEST_F(Ag3352Download, RefusalsAreCountedForEachImage) {
     use({{"one.bin", 0x08010000, random_image(4 * block_size, 1)},
          {"two.bin", 0x08020000, random_image(4 * block_size, 2)}});

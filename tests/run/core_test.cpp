@@ -86,6 +86,19 @@ TEST(Core, OptionsAreLoggedInTheOrderTyped) {
     EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 8), expected);
 }
 
+/// An option of a family takes its argument here too: what follows it is then no module name.
+TEST(Core, OptionsOfTheFamiliesTakeTheirArguments) {
+    for (const char letter : std::string("ampdbfsrtlLcgRTo")) {
+        const ToolRun run = without_port({std::string("-") + letter, "-m", "nosuch"});
+        EXPECT_EQ(run.count("[INFO] name :nosuch\n"), 0U) << letter;
+    }
+    for (const char letter : std::string("vD")) {
+        const ToolRun run = without_port({std::string("-") + letter, "-m", "nosuch"});
+        EXPECT_EQ(run.count("[INFO] name :nosuch\n"), 1U) << letter;
+    }
+    EXPECT_EQ(without_port({"-vDx", "-Dm", "nosuch"}).count("[INFO] name :nosuch\n"), 1U);
+}
+
 TEST(Core, LinePairsAreTakenOutOfTheFamilysArguments) {
     const ToolRun run =
         without_port({"-m", "TR52G", "-R", "0", "-T", "0", "-p", "COM6", "-t", "UPG"});
@@ -159,6 +172,8 @@ TEST(Core, LongArgumentsAreSafe) {
     const std::string long_text(5000, 'C');
     const ToolRun run = without_port(
         {"-m", long_text, "-p", long_text, "-f", long_text, "-b", long_text, "-t", long_text});
+    EXPECT_TRUE(has_line(run, "[INFO] name :CCCCCCCCCCCCCCC"));
+    EXPECT_TRUE(has_line(run, "[INFO] dev :CCCCCCCCCCCCCCC"));
     EXPECT_EQ(run.result(), upgrade_failure(-1));
     const ToolRun family = without_port(
         {"-m", "TR52G", "-p", long_text, "-f", long_text, "-b", "1", "-t", "UPG" + long_text});

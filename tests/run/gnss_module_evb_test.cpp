@@ -205,6 +205,17 @@ TEST_F(Evb, WrongSecondAnswerEndsTheSynchronisation) {
     EXPECT_EQ(upgrade().family_lines().back(), "[ERROR] Sync the serial failed,err: 0x401");
 }
 
+TEST_F(Evb, SecondAnswerIsGivenFiftyMilliseconds) {
+    Conditions late;
+    late.faults.push_back({.kind = sim::FaultKind::delay,
+                           .direction = sim::Direction::to_host,
+                           .byte = 4,
+                           .amount = 45});
+    EXPECT_EQ(upgrade(late).result(), upgrade_success);
+    late.faults[0].amount = 60;
+    EXPECT_EQ(upgrade(late).family_lines().back(), "[ERROR] Sync the serial failed,err: 0x401");
+}
+
 TEST_F(Evb, BadInputIsReported) {
     const ToolRun no_port(board_, {"-m", "GNSS-MODULE-EVB", "-b", "115200"});
     EXPECT_EQ(no_port.family_lines().back(), "[ERROR] Open & config the serial failed");

@@ -315,6 +315,17 @@ TEST_F(Monitor, SecondAnswerIsGivenFiftyMilliseconds) {
     EXPECT_TRUE(run.left_open);
 }
 
+TEST_F(Monitor, EveryCommandIsGivenTwentyMilliseconds) {
+    image_ = random_image(5121);
+    MonitorModule module;
+    const auto pauses = upgrade(module, "APP", "MANUAL").pauses();
+    ASSERT_EQ(pauses.size(), 5U) << "two probes, information, erase, two frames";
+    for (const std::size_t command : {2, 3, 4}) {
+        EXPECT_GE(pauses[command], sim::milliseconds(20));
+    }
+    EXPECT_LT(pauses[4], sim::milliseconds(25)) << "a frame's answer waits already";
+}
+
 TEST_F(Monitor, StatusAndLengthOfAResponseAreNotLookedAt) {
     MonitorModule module;
     module.tamper = [](const UpgradeFrame& frame, Bytes& response) {

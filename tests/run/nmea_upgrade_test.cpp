@@ -8,6 +8,7 @@
 #include <map>
 
 #include "core/kv_log.h"
+#include "core/kv_util.h"
 #include "run/harness.h"
 #include "teseo/transfer.h"
 #include "upgrade_agent.h"
@@ -312,6 +313,12 @@ TEST(NmeaUpgrade, LengthOfAReplyOnlySetsWhatItsCrcCovers) {
               lines_of_failure(0, "[ERROR] Message fm size error."));
 }
 
+TEST(NmeaUpgrade, ByteBehindAGoodReplySpoilsTheNextOne) {
+    Bytes reply = good_reply();
+    reply.push_back(0x00);
+    EXPECT_EQ(dialogue_lines(run_with_reply(1, reply)), lines_of_failure(1, ""));
+}
+
 TEST(NmeaUpgrade, ReplyInTwoBurstsFails) {
     const TempDir folder;
     UpgradeAgent module;
@@ -354,6 +361,21 @@ TEST(NmeaUpgrade, ImageTooLargeForTheAreaIsRefusedBeforeAnythingIsErased) {
     const ToolRun run(module, arguments(folder.write("fw.bin", Bytes(0x100001))));
     EXPECT_EQ(dialogue_lines(run), lines_of_failure(1, "[ERROR] Message fm size error."));
     EXPECT_EQ(module.flash().cells()[0x100000], 0x5A);
+}
+
+TEST(NmeaUpgrade, ImageThatShrinksDuringTheRunIsAFailure) {
+    const TempDir folder;
+    const std::string path = folder.write("fw.bin", random_image(20'000));
+    UpgradeAgent module;
+    module.tamper = [&path](const UpgradeFrame& frame, Bytes& /*reply*/) {
+        if (frame.command == 3) {
+            std::filesystem::resize_file(path, 6000);
+        }
+    };
+    const ToolRun run(module, arguments(path));
+    EXPECT_EQ(run.count("[SPEED] 6000 Bytes/20000 Bytes"), 1U);
+    EXPECT_EQ(dialogue_lines(run), lines_of_failure(3, ""));
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
 }
 
 // --- synchronisation ---
@@ -650,6 +672,20 @@ TEST(NmeaUpgradeRoutine, PassesEndTheSearchWithoutALine) {
     EXPECT_EQ(run.sent().size(), 700U * 4);
     EXPECT_NEAR(static_cast<double>(run.elapsed_ms()), 700 * 40.35, 10);
     EXPECT_EQ(run.output().find("[ERROR]"), std::string::npos);
+}
+
+TEST(NmeaUpgradeRoutine, WhatCameBeforeTheFirstProbeIsDropped) {
+    class Chatty : public SilentModule {
+        void power_on(sim::Micros /*now*/, sim::Wire& wire) override {
+            wire.send({0x4D, 0x3A, 0xFC, 0xAA});
+        }
+    };
+    Chatty module;
+    Alone run(module);
+    sleep_ms(50);
+    EXPECT_EQ(teseo::Kv_Nmea_Sync_Module(run.handle, teseo::upgrade_of_area(1).sync), -1);
+    EXPECT_NE(run.output().find("[ERROR] SYNC time out 10000 ms\n"), std::string::npos);
+    EXPECT_FALSE(contains(run.sent(), hex("04 A5 03 12")));
 }
 
 TEST(NmeaUpgradeRoutine, UnreadableImageIsAnnouncedWithoutACrcAndKeepsTheLengthOfBefore) {

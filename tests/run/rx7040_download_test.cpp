@@ -198,6 +198,15 @@ TEST_F(Rx7040Download, SilentRomLoaderIsGivenUpAfterTwentySeconds) {
     EXPECT_TRUE(run.left_open);
 }
 
+TEST_F(Rx7040Download, OptionValuesCountUpTo255Characters) {
+    SilentModule silent;
+    const std::string name(300, 'x');
+    const ToolRun run(silent, {"-m", "MX290B", "-p", "COM6", "-L", name, "-D", "-t", "DL"});
+    EXPECT_EQ(run.count("[INFO] Loader:" + std::string(255, 'x') + "\n"), 1U);
+    EXPECT_EQ(run.count("] debug mode\n"), 1U);
+    EXPECT_EQ(run.family_lines().back(), "[ERROR] Sync the serial failed,err: 0x400");
+}
+
 TEST_F(Rx7040Download, MissingLoaderIsFoundAfterTheSynchronisation) {
     Rx7040Module module;
     const ToolRun run(module, {"-m", "MX290B", "-p", "COM6", "-t", "DL"});
@@ -247,10 +256,20 @@ TEST_F(Rx7040Download, OlderLoaderThatAnswersWithRequestsAloneIsUnderstood) {
 }
 
 TEST_F(Rx7040Download, LoadersVerdictDecides) {
-    Rx7040Module module({.package_is_good = false});
-    const ToolRun run = download(module);
+    Rx7040Module bad({.verdict = "Download failed\r\n"});
+    const ToolRun run = download(bad);
     EXPECT_EQ(run.family_lines().back(), "[ERROR] Download failed,err: 0x108");
     EXPECT_EQ(run.result(), upgrade_failure(-1));
+
+    Rx7040Module both({.verdict = "1 block failed, sent again: success\r\n"});
+    EXPECT_EQ(download(both).result(), upgrade_success) << "success is looked for first";
+}
+
+TEST_F(Rx7040Download, VerdictInOneBurstWithTheLastAcknowledgementIsLost) {
+    Rx7040Module module({.verify_time = 0});
+    const ToolRun run = download(module);
+    EXPECT_NE(run.output.find(" receive ACK"), std::string::npos);
+    EXPECT_EQ(run.family_lines().back(), "[ERROR] Download failed,err: 0x400");
 }
 
 TEST_F(Rx7040Download, VerdictIsAwaitedForThirtySeconds) {
@@ -294,6 +313,31 @@ TEST_F(Rx7040Download, LaterRequestSendsTheCurrentBlockAsBlockOne) {
     EXPECT_EQ(run.result(), upgrade_failure(-1));
 }
 
+TEST_F(Rx7040Download, AcknowledgementBeforeTheFirstRequestSkipsABlock) {
+    const auto acknowledge_first = [](bool& first) {
+        return [&first](Bytes& answer) {
+            if (answer[0] == 'C' && std::exchange(first, false)) {
+                answer = {ack};
+            }
+        };
+    };
+    bool first = true;
+    Rx7040Module module;
+    module.tamper_xmodem = acknowledge_first(first);
+    const ToolRun run = download(module);
+    const Bytes code = padded(without_header(loader_));
+    const Bytes second(code.begin() + 1024, code.end());
+    EXPECT_TRUE(contains(run.sent, text("DLS") + block(1, second) + Bytes{0x04}));
+
+    loader_ = {1, 2, 3};
+    first = true;
+    Rx7040Module one_block;
+    one_block.tamper_xmodem = acknowledge_first(first);
+    const ToolRun nothing_sent = download(one_block, unplugged_after_ms(5000));
+    EXPECT_EQ(as_hex(std::span(nothing_sent.sent).first(5)), "44 4C 53 04 04");
+    EXPECT_EQ(nothing_sent.result(), upgrade_failure(-1));
+}
+
 TEST_F(Rx7040Download, RefusedBlockIsSentAgainUpTo25Times) {
     Rx7040Module module;
     int refusals = 25;
@@ -326,6 +370,20 @@ TEST_F(Rx7040Download, RefusalNumber26EndsTheTransfer) {
     EXPECT_EQ(run.sent.size(), 3 + 26 * 1029U) << "nothing is sent after the last refusal";
     EXPECT_EQ(run.family_lines().back(), "[ERROR] Send loader failed,err: 0xFFFFFF33");
     EXPECT_EQ(run.result(), upgrade_failure(-1));
+}
+
+TEST_F(Rx7040Download, RequestDoesNotEndARowOfRefusals) {
+    Rx7040Module module;
+    int answers = 0;
+    module.tamper_xmodem = [&answers](Bytes& answer) {
+        if (answer[0] == ack) {
+            answer = {++answers == 26 ? std::uint8_t{'C'} : nak};
+        }
+    };
+    const ToolRun run = download(module);
+    EXPECT_EQ(answers, 27) << "25 refusals, a request, the last refusal";
+    EXPECT_EQ(run.sent.size(), 3 + 27 * 1029U);
+    EXPECT_EQ(run.family_lines().back(), "[ERROR] Send loader failed,err: 0xFFFFFF33");
 }
 
 TEST_F(Rx7040Download, AcknowledgementEndsARowOfRefusals) {

@@ -942,6 +942,21 @@ TEST(Sta8100AppBoot, FileThatVanishesIsNamed) {
     EXPECT_NE(output.find("[ERROR] Firmware " + path + " open failed.\n"), std::string::npos);
 }
 
+TEST(Sta8100AppBoot, ImageThatShrinksDuringTheRunIsAFailure) {
+    const TempDir folder;
+    const std::string path = folder.write("app.bin", random_image(20'000));
+    Sta8100Module module(app_waiting());
+    module.app().tamper = [&path](AppStep step, Bytes& /*answer*/) {
+        if (step == AppStep::write_command) {
+            std::filesystem::resize_file(path, 10'000);
+        }
+    };
+    const ToolRun run(module, arguments(path, {"-c", "app_boot"}));
+    EXPECT_EQ(run.count("[SPEED] 10000 Bytes/20000 Bytes"), 1U);
+    EXPECT_EQ(run.family_lines(), app_lines(path, {"[INFO] Write Memory...", app_failed}));
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+}
+
 TEST(Sta8100AppBoot, XorChecksum) {
     EXPECT_EQ(sta8100::calculate_xor_checksum({}), 0);
     EXPECT_EQ(sta8100::calculate_xor_checksum(hex("08 00 12 00")), 0x1A);

@@ -362,6 +362,21 @@ TEST(Zpx710pDownload, AnImageLargerThanTheFlashIsRefusedByTheModule) {
     EXPECT_EQ(run.result(), upgrade_failure(-1));
 }
 
+TEST(Zpx710pDownload, AnImageThatShrinksDuringTheRunIsAFailure) {
+    const TempDir folder;
+    const std::string path = folder.write("app.bin", random_image(20'000));
+    Zpx710pRomLoader module;
+    module.tamper = [&path](Question question, Bytes& /*answer*/) {
+        if (question == Question::address) {
+            std::filesystem::resize_file(path, 10'000);
+        }
+    };
+    const ToolRun run(module, arguments(path));
+    EXPECT_EQ(run.count("[SPEED] 10000 Bytes/20000 Bytes"), 1U);
+    EXPECT_EQ(run.family_lines().back(), "[ERROR] Send FW failed");
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+}
+
 // --- Handshake ---
 
 TEST(Zpx710pDownload, OneHundredRefusalsArePutUpWith) {

@@ -43,6 +43,13 @@ TEST_F(LogTest, ClockStartsWithItsFirstReading) {
     EXPECT_EQ(flash_tool_msecs(), 1234U);
 }
 
+TEST_F(LogTest, ClockGoesOnWhenItsReadingWrapsAt32Bits) {
+    pass_ms((1ULL << 32) - sim::VirtualPort::start / 1000 - 100);
+    EXPECT_EQ(flash_tool_msecs(), 0U);
+    pass_ms(1234);
+    EXPECT_EQ(flash_tool_msecs(), 1234U);
+}
+
 TEST_F(LogTest, SecondsStartWithTheirOwnFirstReading) {
     flash_tool_msecs();
     pass_ms(500);

@@ -208,6 +208,15 @@ TEST_F(UartTest, DumpsShowUpToAHundredBytes) {
     EXPECT_EQ(text(), before) << "neither a byte write nor a long read is dumped";
 }
 
+TEST_F(UartTest, WritesReturnTheirCount) {
+    const SerialHandle handle = open();
+    EXPECT_EQ(serial_write(handle, ten), 10U);
+    EXPECT_EQ(serial_write_byte(handle, 0xA0), 1U);
+    line_.unplug();
+    EXPECT_EQ(serial_write_byte(handle, 0xA0), 0U);
+    EXPECT_EQ(serial_close(handle), 0);
+}
+
 class UartWithUnreadableSettings : public UartTest {
   protected:
     UartWithUnreadableSettings() : UartTest({.settings_readable = false}) {}
@@ -236,6 +245,12 @@ class UartWithUnwritableSettings : public UartTest {
 
 TEST_F(UartWithUnwritableSettings, ChangeOfRateFailsWithMinusTwo) {
     EXPECT_EQ(serial_change_br(open(), 9600), -2);
+}
+
+TEST_F(UartWithUnwritableSettings, LinesReportFailure) {
+    const SerialHandle handle = open();
+    EXPECT_EQ(serial_CfgRTS(handle, 1), 0U);
+    EXPECT_EQ(serial_CfgDTR(handle, 1), 0U);
 }
 
 TEST_F(UartWithUnwritableSettings, EvenParityClosesThePort) {

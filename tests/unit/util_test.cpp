@@ -138,6 +138,12 @@ TEST(FirmwareFileTest, RefusesAFolder) {
     EXPECT_EQ(errno, EISDIR);
 }
 
+TEST(FirmwareFileTest, RefusesADeviceThatNeverEnds) {
+    const FirmwareFile file("/dev/zero");
+    EXPECT_FALSE(file.is_open());
+    EXPECT_EQ(errno, ESPIPE);
+}
+
 TEST(FirmwareFileTest, RefusesAMissingFile) {
     const FirmwareFile file("/nonexistent/file");
     EXPECT_FALSE(file.is_open());

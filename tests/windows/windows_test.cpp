@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "cli/process.h"
+#include "cyfm_package.h"
 #include "run/harness.h"
 
 namespace orbix::test {
@@ -55,7 +56,7 @@ Finished run_on_windows(std::vector<std::string> arguments, const std::string& f
 /// Lines without what must differ between two runs: times, rates, the build's date, the program's
 /// own name, and the line ends of the C runtime.
 Lines comparable(const std::string& output, bool from_windows) {
-    static const std::regex stamp(R"(^\[\d{3,}\.\d{3}\])");
+    static const std::regex stamp(R"(\[\d{3,}\.\d{3}\])");
     static const std::regex rate(R"(    \d+(\.\d)? KBps$)");
     Lines lines;
     std::istringstream stream(output);
@@ -96,6 +97,9 @@ Lines run_scenario(const Scenario& scenario, bool on_windows) {
     const std::string dump = folder.path("flash.dump");
     std::vector<std::string> options = scenario.simulator;
     options.insert(options.end(), {"--dump", dump});
+    if (on_windows) {
+        options.emplace_back("--instant");  // Wine's writes do not wait for the line
+    }
     SimulatedModule module(scenario.model, options);
     std::vector<std::string> arguments{"-m", scenario.model, "-p", "COM12"};
     const auto more = scenario.arguments(folder);
@@ -136,6 +140,11 @@ bool holds(const Bytes& flash, std::size_t offset, const Bytes& image) {
                       flash.begin() + static_cast<std::ptrdiff_t>(offset));
 }
 
+/// The image stands somewhere in the module's flash.
+void expect_small_image(const TempDir& /*folder*/, const Bytes& flash) {
+    EXPECT_TRUE(contains(flash, small_image));
+}
+
 const std::vector<Scenario> scenarios{
     {"Ag3352Upgrade",
      "TR52G",
@@ -147,6 +156,60 @@ const std::vector<Scenario> scenarios{
      [](const TempDir& /*folder*/, const Bytes& flash) {
          EXPECT_TRUE(holds(flash, 0x9000, small_image));
      }},
+    {"Ag3352Download",
+     "TR52G",
+     {},
+     [](const TempDir& folder) -> std::vector<std::string> {
+         std::filesystem::create_directory(folder.path("fw"));
+         folder.write("fw/app.bin", small_image);
+         folder.write("fw/flash_download.cfg",
+                      std::string("rom:\n    file: app.bin\n    begin_address: 0x08013000\n"));
+         folder.write("agent.bin", random_image(43956));
+         return {"-b", fast, "-d", "fw", "-s", "agent.bin", "-t", "DL"};
+     },
+     [](const TempDir& /*folder*/, const Bytes& flash) {
+         EXPECT_TRUE(holds(flash, 0x13000, small_image));
+     }},
+    {"Ag3352Readback",
+     "TR52G",
+     {},
+     [](const TempDir& folder) -> std::vector<std::string> {
+         folder.write("agent.bin", random_image(43956));
+         return {"-b", fast,     "-s",     "agent.bin", "-a",     "0x08000000", "0x08009000",
+                 "-t", "0x2000", "0x1000", "-o",        "a.read", "b.read"};
+     },
+     [](const TempDir& folder, const Bytes& flash) {
+         const Bytes first = read_file(folder.path("a.read"));
+         EXPECT_EQ(first.size(), 0x2000U);
+         EXPECT_TRUE(holds(flash, 0, first));
+         EXPECT_EQ(read_file(folder.path("b.read")).size(), 0x1000U);
+     },
+     readback_success},
+    {"TeseoBootRom",
+     "TS90B",
+     {},
+     [](const TempDir& folder) -> std::vector<std::string> {
+         folder.write("app.bin", small_image);
+         return {"-b", "115200", "-f", "app.bin"};
+     },
+     expect_small_image},
+    {"Rx7040Xmodem",
+     "MX290B",
+     {},
+     [](const TempDir& folder) -> std::vector<std::string> {
+         folder.write("loader.pkg", random_image(2000));
+         folder.write("fw.pkg", small_image);
+         return {"-L", "loader.pkg", "-f", "fw.pkg", "-t", "DL"};
+     },
+     expect_small_image},
+    {"Hd8xx0User",
+     "MX210A00",
+     {},
+     [](const TempDir& folder) -> std::vector<std::string> {
+         folder.write("app.cyfm", sim::make_cyfm(small_image));
+         return {"-b", "115200", "-f", "app.cyfm", "-t", "user"};
+     },
+     expect_small_image},
 };
 
 INSTANTIATE_TEST_SUITE_P(Runs, Windows, ::testing::ValuesIn(scenarios),
