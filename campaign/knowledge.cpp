@@ -44,6 +44,7 @@ const std::vector<UnlimitedWait> unlimited_waits{
     {"AG3352", "upgrade", " Retry count: ", response},
 
     {"ZPX710P", "DL", "[INFO] Connect...", "the module may not be switched on yet"},
+    {"ZPX710P", "DL", "[ERROR] Handshake recv ", "what is no answer counts, silence does not"},
     {"ZPX710P", "*", "[INFO] ZPX_Upgrade_Sync --- rsp2", response},
     {"ZPX710P", "*", "[INFO] File FW_addr: ", response},
     {"ZPX710P", "*", "[SPEED] ", response},
