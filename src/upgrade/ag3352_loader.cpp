@@ -47,7 +47,7 @@ bool change_to_fast_rate(SerialHandle handle, const char* entry) {
         log_error("%s modify_baud_rate error\n", entry);
         return false;
     }
-    log_info("Change baudrate to %d\n", static_cast<int>(fast_baud));
+    log_info("Change baudrate to 921600\n");
     serial_change_br(handle, fast_baud);
     return true;
 }
