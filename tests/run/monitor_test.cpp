@@ -320,7 +320,7 @@ TEST_F(Monitor, EveryCommandIsGivenTwentyMilliseconds) {
     MonitorModule module;
     const auto pauses = upgrade(module, "APP", "MANUAL").pauses();
     ASSERT_EQ(pauses.size(), 5U) << "two probes, information, erase, two frames";
-    for (const std::size_t command : {2, 3, 4}) {
+    for (const std::size_t command : {std::size_t{2}, std::size_t{3}, std::size_t{4}}) {
         EXPECT_GE(pauses[command], sim::milliseconds(20));
     }
     EXPECT_LT(pauses[4], sim::milliseconds(25)) << "a frame's answer waits already";
