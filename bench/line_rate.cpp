@@ -29,7 +29,7 @@ struct Transfer {
     std::function<Arguments(const sim::TempDir& folder, const std::string& rate)> prepare;
 };
 
-constexpr std::size_t image_size = 1024 * 1024;
+constexpr std::size_t image_size = 1'048'576;
 
 /// A package of one image of 1 MiB, and an agent.
 void write_package(const sim::TempDir& folder, std::size_t agent_size) {

@@ -21,7 +21,7 @@ TEST(CampaignProgram, RunsInSeveralProcessesAndSumsUp) {
 TEST(CampaignProgram, SeedShowsTheSameRunEachTime) {
     const std::vector<std::string> arguments{"--family", "AG3352", "--mode", "upgrade", "--seed",
                                              "11",       "--runs", "1",      "--trace"};
-    const auto without_summary = [](std::string output) {
+    const auto without_summary = [](const std::string& output) {
         return output.substr(0, output.rfind("1 runs of "));
     };
     const std::string first = without_summary(run_program("orbix_campaign", arguments).output);

@@ -21,8 +21,8 @@ using Lines = std::vector<std::string>;
 constexpr const char* fast = "921600";
 
 std::string find_wine() {
-    for (const std::string path : {"/usr/bin/wine", "/usr/lib/wine/wine64"}) {
-        if (access(path.c_str(), X_OK) == 0) {
+    for (const char* path : {"/usr/bin/wine", "/usr/lib/wine/wine64"}) {
+        if (access(path, X_OK) == 0) {
             return path;
         }
     }
