@@ -16,7 +16,7 @@ namespace orbix::hints {
 
 namespace {
 
-/// How much of what arrived is looked at, the latest of it, and how much of that is shown.
+/// How much of what arrived is looked at, the latest of it, and how much is shown.
 constexpr std::size_t sample_size = 256;
 constexpr std::size_t bytes_shown = 8;
 constexpr std::size_t letters_shown = 32;
@@ -31,6 +31,7 @@ enum class Kind : std::uint8_t { nothing, other_rate, no_answer, text };
 struct Arrivals {
     unsigned baud = 0;
     unsigned count = 0;
+    std::array<std::uint8_t, bytes_shown> first{};
     std::deque<std::uint8_t> sample;
 };
 
@@ -75,10 +76,14 @@ Kind kind_of(const Arrivals& arrivals) {
     return share(is_rate_garbage) >= 30 ? Kind::other_rate : Kind::no_answer;
 }
 
-/// The first line of text in the sample, or as much of it as is shown.
+/// The first sentence in the sample, or line of text where there is none, or as much of it as is
+/// shown.
 std::string first_line(const std::deque<std::uint8_t>& sample) {
     const auto is_end = [](std::uint8_t byte) { return byte < 0x20 || byte >= 0x7F; };
-    const auto begin = std::find_if_not(sample.begin(), sample.end(), is_end);
+    auto begin = std::find(sample.begin(), sample.end(), '$');
+    if (begin == sample.end()) {
+        begin = std::find_if_not(sample.begin(), sample.end(), is_end);
+    }
     const auto end = std::find_if(begin, sample.end(), is_end);
     std::string line(begin, end);
     if (line.size() > letters_shown) {
@@ -89,16 +94,16 @@ std::string first_line(const std::deque<std::uint8_t>& sample) {
 
 /// "1 byte arrived (7F)", "12 bytes arrived (01 02 03 04 05 06 07 08 ...)"
 std::string count_and_bytes(const Arrivals& arrivals) {
-    const auto& sample = arrivals.sample;
     std::string text = std::to_string(arrivals.count);
     text += arrivals.count == 1 ? " byte arrived (" : " bytes arrived (";
-    for (std::size_t index = 0; index < std::min(sample.size(), bytes_shown); ++index) {
+    for (std::size_t index = 0; index < std::min<std::size_t>(arrivals.count, bytes_shown);
+         ++index) {
         std::array<char, 4> digits{};
-        std::snprintf(digits.data(), digits.size(), "%02X", sample[index]);
+        std::snprintf(digits.data(), digits.size(), "%02X", arrivals.first[index]);
         text += index == 0 ? "" : " ";
         text += digits.data();
     }
-    return text + (sample.size() > bytes_shown ? " ...)" : ")");
+    return text + (arrivals.count > bytes_shown ? " ...)" : ")");
 }
 
 void tell_what_arrived() {
@@ -130,7 +135,7 @@ void start_over(unsigned baud) {
     if (kind_of(observed.now) > kind_of(observed.before)) {
         observed.before = observed.now;
     }
-    observed.now = {.baud = baud, .count = 0, .sample = {}};
+    observed.now = {.baud = baud, .count = 0, .first = {}, .sample = {}};
 }
 
 bool is_same_but_for_case(std::string_view one, std::string_view other) {
@@ -217,7 +222,12 @@ void received(std::span<const std::uint8_t> bytes) {
         return;
     }
     Arrivals& arrivals = observed.now;
-    arrivals.count += static_cast<unsigned>(bytes.size());
+    for (const std::uint8_t byte : bytes) {
+        if (arrivals.count < arrivals.first.size()) {
+            arrivals.first[arrivals.count] = byte;
+        }
+        ++arrivals.count;
+    }
     arrivals.sample.insert(arrivals.sample.end(), bytes.begin(), bytes.end());
     while (arrivals.sample.size() > sample_size) {
         arrivals.sample.pop_front();
@@ -226,7 +236,7 @@ void received(std::span<const std::uint8_t> bytes) {
 
 void synchronised() {
     observed.answer_awaited = false;
-    observed.now = {.baud = observed.now.baud, .count = 0, .sample = {}};
+    observed.now = {.baud = observed.now.baud, .count = 0, .first = {}, .sample = {}};
     observed.before = {};
 }
 

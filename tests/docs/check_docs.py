@@ -9,6 +9,7 @@
   command; what follows is its output. They are run in an empty folder, where "build" is the build
   folder. What differs from run to run is not compared: time stamps, rates, dates of the build, and
   a line "..." stands for any lines.
+- Front ends: the expressions of docs/front-ends.md fit every line of these outputs.
 - All other commands in code blocks need hardware; their options and models must exist.
 - Failure lines: each ERROR line of a family's sources must stand in its page.
 - Links: each relative link leads to a file, and to a heading of it.
@@ -174,10 +175,39 @@ def shortened(lines):
     return result
 
 
+def expressions():
+    """The named regular expressions of the page for front ends."""
+    for block in blocks_of(ROOT / "docs" / "front-ends.md"):
+        if block.kind == "regex":
+            return dict(line.split(None, 1) for line in block.lines)
+    return {}
+
+
+def check_form(page, block, command, output, expression):
+    """The lines of a run of the tool are of the form that front ends are told."""
+    if not re.match(r"(\S*/)?orbix_flash\b", command.text) or "orbix_flash -S" in command.text:
+        return
+    tag = None
+    for line in output:
+        if not line.startswith("[") or re.match(r"\[\d+\.\d+\]", line) is None:
+            continue  # bare, or of standard error, or of what the shell does with the output
+        found = list(re.finditer(expression["message"], line))
+        if "".join(message.group(0) for message in found) != line:
+            complain(page, block.first_line, f"of another form than docs/front-ends.md says: {line}")
+        for message in found:
+            tag, text = message.group(3), message.group(4)
+            if tag in expression and re.fullmatch(expression[tag], text) is None:
+                complain(page, block.first_line, f"of another form than a {tag} line: {line}")
+    if tag not in ("SUCCESS", "FAIL"):
+        complain(page, block.first_line, f"no result line: {command.text}")
+
+
 def check_example(page, block, build, update):
     """Returns the lines that the block should have, or None when it is right."""
     commands = commands_of(block)
     outputs = run_session(commands, build)
+    for command, output in zip(commands, outputs):
+        check_form(page, block, command, output, expressions())
     if len(outputs) != len(commands):
         complain(page, block.first_line, "the session did not come to its end")
         return None
@@ -229,11 +259,11 @@ def check_commands(pages, build):
             text = "\n".join(block.lines).replace("\\\n", " ")
             for line in text.split("\n"):
                 line = line.removeprefix("$ ")
-                words = shlex.split(line.rstrip("& "), comments=True) if re.match(
-                    r"(\S*/)?orbix_(flash|sim)\b", line) else []
-                if not words:
+                if not re.match(r"(\S*/)?orbix_(flash|sim)\b", line):
                     continue
                 count += 1
+                words = shlex.split(line.rstrip("& "), comments=True)
+                words = list(itertools.takewhile(lambda word: not re.match(r"\d?[<>|]", word), words))
                 if words[0].endswith("orbix_sim"):
                     used = {word for word in words if word.startswith("--")}
                     if not used <= sim_options:
@@ -241,9 +271,8 @@ def check_commands(pages, build):
                     if not used & {"--list", "--help"} and words[1] not in models:
                         complain(page, block.first_line, f"unknown model in: {line}")
                     continue
-                words = [word for word in words[1:] if not re.match(r"\d?[<>|]", word)]
                 try:
-                    options, _ = getopt.gnu_getopt(words, "a:m:p:d:b:f:s:r:t:vl:L:c:g:DR:T:o:S")
+                    options, _ = getopt.gnu_getopt(words[1:], "a:m:p:d:b:f:s:r:t:vl:L:c:g:DR:T:o:S")
                 except getopt.GetoptError as error:
                     complain(page, block.first_line, f"{error} in: {line}")
                     continue
@@ -324,8 +353,12 @@ def anchors_of(page):
 def check_links(pages):
     count = 0
     for page in pages:
+        code = {block.first_line + index for block in blocks_of(page)
+                for index in range(len(block.lines))}
         for number, line in enumerate(page.read_text().splitlines(), 1):
-            for target in re.findall(r"\]\(([^)\s]+)\)", line):
+            if number in code:
+                continue
+            for target in re.findall(r"\]\(([^)\s]+)\)", re.sub(r"`[^`]*`", "", line)):
                 if re.match(r"[a-z]+:", target):
                     continue
                 count += 1

@@ -191,7 +191,7 @@ TEST_P(HintsOfAllModes, BytesThatDoNotFit) {
     Talker module(other_bytes);
     const std::string hint = hints_against(module);
     static const std::regex expected(
-        R"(hint: (1 byte|\d+ bytes) arrived \(0[1-4][0-9A-F .]*\), no answer; .*\n)");
+        R"(hint: (1 byte|\d+ bytes) arrived \([0-9A-F .]+\), no answer; .*\n)");
     EXPECT_TRUE(std::regex_match(hint, expected)) << hint;
 }
 
