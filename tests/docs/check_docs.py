@@ -144,7 +144,7 @@ def run_session(commands, build):
 
 
 def masked(line):
-    line = re.sub(r"^\[\d{3,}\.\d{3}\]", "[SSS.mmm]", line)
+    line = re.sub(r"\[\d{3,}\.\d{3}\]", "[SSS.mmm]", line)
     line = re.sub(r"\d+(\.\d+)? KBps", "N KBps", line)
     line = re.sub(r"(V\d+\.\d+\.\d+) [A-Z][a-z]{2} [ \d]\d \d{4} [\d:]{8}", r"\1 DATE", line)
     return line.rstrip()
