@@ -294,4 +294,10 @@ void explain_failure(std::string_view model, const SupportRow& family, bool read
     }
 }
 
+void explain_success() {
+    if (!observed.module_called && !observed.hint_given) {
+        give("nothing was sent to the module: it is as it was before\n");
+    }
+}
+
 }  // namespace orbix::hints

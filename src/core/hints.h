@@ -56,4 +56,7 @@ void readback_unknown(std::string_view model);
 /// when it was never called, how its family is flashed.
 void explain_failure(std::string_view model, const SupportRow& family, bool readback);
 
+/// The run has ended in SUCCESS: tells when nothing was sent to any module.
+void explain_success();
+
 }  // namespace orbix::hints

@@ -119,8 +119,13 @@ int run_family(const Options& options, std::vector<char*> arguments) {
     const int count = static_cast<int>(arguments.size());
     arguments.push_back(nullptr);
     const int result = entry(count, arguments.data());
-    if (result != 0 && !requested_status) {
+    if (requested_status) {
+        return result;
+    }
+    if (result != 0) {
         hints::explain_failure(options.module, *row, options.readback);
+    } else {
+        hints::explain_success();
     }
     return result;
 }

@@ -11,7 +11,8 @@
   a line "..." stands for any lines.
 - Front ends: the expressions of docs/front-ends.md fit every line of these outputs.
 - All other commands in code blocks need hardware; their options and models must exist.
-- Failure lines: each ERROR line of a family's sources must stand in its page.
+- Failure lines: each ERROR line of a family's sources must stand in its page; each family has a page,
+  and the README leads to it.
 - Links: each relative link leads to a file, and to a heading of it.
 """
 import argparse
@@ -342,6 +343,23 @@ def check_failure_lines(pages):
     return count
 
 
+def check_families():
+    """Each row of the table of models has its page, and no source of a family is left out."""
+    table = (ROOT / "src/core/support_table.cpp").read_text()
+    readme = (ROOT / "README.md").read_text()
+    for name in sorted(set(re.findall(r'"([a-z0-9-]+)",\s*"-b ', table))):
+        if not (ROOT / "docs" / f"{name}.md").exists() or f"(docs/{name}.md)" not in readme:
+            complain(ROOT / "README.md", 1, f"the family's page {name} is missing, or not linked")
+        if name not in PAGE_SOURCES:
+            complain(ROOT / "README.md", 1, f"PAGE_SOURCES does not tell the sources of {name}")
+    explained = {source for names in PAGE_SOURCES.values() for name in names
+                 for source in (ROOT / "src").glob(name + ".cpp")}
+    for folder in ("ag3335", "upgrade", "teseo", "families"):
+        for source in sorted((ROOT / "src" / folder).glob("*.cpp")):
+            if source not in explained and failure_lines(source):
+                complain(source, 1, "no page explains the failure lines of this source")
+
+
 # --- links ---------------------------------------------------------------------------------------
 
 
@@ -382,6 +400,7 @@ def main():
     links = check_links(pages)
     commands = check_commands(pages, build)
     lines = check_failure_lines(pages)
+    check_families()
     examples = check_examples(pages, build, arguments.update)
     for problem in problems:
         print(problem)

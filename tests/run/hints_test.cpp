@@ -407,26 +407,46 @@ TEST(Hints, RunThatNeverReachesThePortShowsHowTheFamilyIsFlashed) {
               "hint: how TR52G is read back is told in docs/ag3352.md\n");
 }
 
+TEST(Hints, SuccessWithoutAWordToTheModuleIsTold) {
+    SilentModule module;
+    const Told told = run_told(module, {"-m", "TS30A", "-p", "COM6", "-c", "x"});
+    EXPECT_TRUE(told.output.ends_with(upgrade_success + "\n")) << told.output;
+    EXPECT_NE(told.errors.find("hint: nothing was sent to the module: it is as it was before\n"),
+              std::string::npos)
+        << told.errors;
+}
+
 TEST(Hints, NothingOnStandardErrorWhereTheFamilyOnlyTellsItsVersion) {
     EXPECT_EQ(hint_of({"-m", "TS50A", "-v"}), "");
 }
 
 /// The files that the typical command lines name.
-void put_typical_files(std::size_t agent_size) {
+void put_typical_files() {
     const Bytes image = random_image(5000);
     campaign::put_file("app.bin", image);
     campaign::put_file("app.pkg", image);
     campaign::put_file("app.cyfm", sim::make_cyfm(image));
-    campaign::put_file("da_uart.bin", random_image(agent_size));
+    campaign::put_file("da_uart.bin", random_image(30'000));
     std::filesystem::create_directory("fw");
     campaign::put_file("fw/image.bin", image);
     campaign::put_file("fw/flash_download.cfg",
                        text("rom:\n    file: image.bin\n    begin_address: 0x08000000\n"));
 }
 
+TEST(Hints, PackageWithoutAnImageToWriteIsTold) {
+    const Workplace workplace;
+    put_typical_files();
+    const auto module = sim::make_model("TR40XBA");
+    const Told told = run_told(*module, {"-m", "TR40XBA", "-p", "COM6", "-b", "115200", "-d", "fw",
+                                         "-s", "da_uart.bin", "-f", "other.bin"});
+    EXPECT_TRUE(told.output.ends_with(upgrade_success + "\n")) << told.output;
+    EXPECT_EQ(told.errors,
+              "hint: the package has no image to write: the module is erased, and stays empty\n");
+}
+
 TEST(Hints, TypicalCommandOfEachFamilyFlashesItsModules) {
     const Workplace workplace;
-    put_typical_files(30'000);
+    put_typical_files();
     for (const SupportRow& row : support_table) {
         const auto module = sim::make_model(row.names[0]);
         std::vector<std::string> arguments{"-m", row.names[0], "-p", "COM6"};
