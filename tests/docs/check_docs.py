@@ -197,6 +197,8 @@ def check_form(page, block, command, output, expression):
             complain(page, block.first_line, f"of another form than docs/front-ends.md says: {line}")
         for message in found:
             tag, text = message.group(3), message.group(4)
+            if tag is None and re.match(r"\[[A-Z]+\]", text):
+                complain(page, block.first_line, f"a tag that docs/front-ends.md does not tell: {line}")
             if tag in expression and re.fullmatch(expression[tag], text) is None:
                 complain(page, block.first_line, f"of another form than a {tag} line: {line}")
     if tag not in ("SUCCESS", "FAIL"):
@@ -259,7 +261,7 @@ def check_commands(pages, build):
         for block in blocks_of(page):
             text = "\n".join(block.lines).replace("\\\n", " ")
             for line in text.split("\n"):
-                line = line.removeprefix("$ ")
+                line = line.strip().removeprefix("$ ")
                 if not re.match(r"(\S*/)?orbix_(flash|sim)\b", line):
                     continue
                 count += 1
