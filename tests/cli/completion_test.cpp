@@ -359,6 +359,8 @@ TEST(CompletionAtATerminal, CompletesModelsModesAreasAndPaths) {
               "<orbix_flash><-m><TS50A><-t><normal><-f><firmware of today.bin>");
     EXPECT_EQ(bash.words_of("orbix_flash -d pa\t -s packe\t"),
               "<orbix_flash><-d><package/><-s><packed.bin>");
+    EXPECT_EQ(bash.words_of("orbix_flash -p ./packe\t -D"), "<orbix_flash><-p><./packed.bin><-D>")
+        << "a file where no port fits, such as the link of a simulated module";
     EXPECT_EQ(bash.words_of("orbix_sim GNSS\t--du\tpacke\t"),
               "<orbix_sim><GNSS-MODULE-EVB><--dump><packed.bin>");
 }
