@@ -130,12 +130,14 @@ TEST(ProgramPort, AbsentPort) {
     EXPECT_NE(run.output.find("[ERROR] Error opening /dev/ttyNOSUCH: No such file or directory\n"),
               std::string::npos);
     EXPECT_TRUE(ends_with_line(run.output, upgrade_failure(-1)));
+    EXPECT_TRUE(run.errors.starts_with("hint: /dev/ttyNOSUCH: there is no such port; "));
 }
 
 TEST(ProgramPort, WhatIsNoSerialDeviceIsRefused) {
     for (const std::string port : {"/dev/null", "/etc/passwd", "/tmp"}) {
         const Finished run = run_program("orbix_flash", upgrade_arguments(port, "x"));
         EXPECT_NE(run.output.find("[ERROR] Error opening " + port + ": "), std::string::npos);
+        EXPECT_EQ(run.errors, "hint: " + port + ": that is no serial port\n");
         EXPECT_TRUE(ends_with_line(run.output, upgrade_failure(-1)));
     }
 }
@@ -168,6 +170,9 @@ TEST(ProgramPort, SecondRunOnABusyPortIsRefusedAndDoesNotDisturbTheFirst) {
     EXPECT_NE(second.output.find("[ERROR] Error opening " + module.port() +
                                  ": Device or resource busy\n"),
               std::string::npos);
+    EXPECT_TRUE(
+        second.errors.starts_with("hint: " + module.port() + ": another program holds the port; "))
+        << second.errors;
     EXPECT_TRUE(ends_with_line(first.finish().output, upgrade_success));
 }
 

@@ -444,6 +444,16 @@ TEST(Hints, PackageWithoutAnImageToWriteIsTold) {
               "hint: the package has no image to write: the module is erased, and stays empty\n");
 }
 
+TEST(Hints, AgentOfUnexpectedSizeIsTold) {
+    const Workplace workplace;
+    put_typical_files();
+    const auto module = sim::make_model("TR52G");
+    EXPECT_EQ(run_told(*module, {"-m", "TR52G", "-p", "COM6", "-b", "115200", "-d", "fw", "-s",
+                                 "da_uart.bin", "-t", "DL"})
+                  .errors,
+              "hint: da_uart.bin has 30000 bytes, an agent of these modules has 43956\n");
+}
+
 TEST(Hints, TypicalCommandOfEachFamilyFlashesItsModules) {
     const Workplace workplace;
     put_typical_files();
