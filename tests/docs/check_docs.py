@@ -5,7 +5,7 @@
     check_docs.py BUILD-FOLDER --update   run the examples and write their output into the pages
     check_docs.py BUILD-FOLDER --only docs/rx7040.md
 
-- Examples: blocks of the kind "console" are sessions of a shell. A line that begins with "$ " is a
+- Examples: blocks of the kind "console" are what is typed into a shell, and what comes of it. A line that begins with "$ " is a
   command; what follows is its output. They are run in an empty folder, where "build" is the build
   folder. What differs from run to run is not compared: time stamps, rates, dates of the build, and
   a line "..." stands for any lines.
@@ -120,7 +120,7 @@ def commands_of(block):
     return commands
 
 
-def run_session(commands, build):
+def run_commands(commands, build):
     """Runs the commands in one shell. Returns the output of each, as lines."""
     mark = "@@@@"
     with tempfile.TemporaryDirectory(prefix="orbix") as folder:
@@ -208,11 +208,11 @@ def check_form(page, block, command, output, expression):
 def check_example(page, block, build, update):
     """Returns the lines that the block should have, or None when it is right."""
     commands = commands_of(block)
-    outputs = run_session(commands, build)
+    outputs = run_commands(commands, build)
     for command, output in zip(commands, outputs):
         check_form(page, block, command, output, expressions())
     if len(outputs) != len(commands):
-        complain(page, block.first_line, "the session did not come to its end")
+        complain(page, block.first_line, "the shell did not come to the end of the commands")
         return None
     wanted = []
     right = True
@@ -231,7 +231,7 @@ def check_example(page, block, build, update):
 
 def check_examples(pages, build, update):
     work = [(page, block) for page in pages for block in blocks_of(page) if block.kind == "console"]
-    # The sessions wait more than they compute.
+    # The examples wait more than they compute.
     with concurrent.futures.ThreadPoolExecutor(max_workers=6) as pool:
         results = list(pool.map(lambda item: check_example(*item, build, update), work))
     if not update:
