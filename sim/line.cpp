@@ -14,6 +14,10 @@ bool rates_match(unsigned one, unsigned other) {
     return off * 100 <= std::uint64_t{other} * 4;
 }
 
+Micros line_time(std::size_t bytes, unsigned bits_per_byte, unsigned baud) {
+    return std::uint64_t{bytes} * bits_per_byte * 1'000'000U / baud;
+}
+
 bool ends_the_line(FaultKind kind) {
     return kind == FaultKind::unplug || kind == FaultKind::power_cycle;
 }
@@ -50,11 +54,12 @@ Micros Line::send(std::span<const std::uint8_t> bytes, Micros now) {
     const Micros begun = at;
     for (std::size_t index = 0; index < bytes.size(); ++index) {
         if (!settings_.instant && host_baud_ != 0) {
-            at = begun + (index + 1) * 10'000'000U / host_baud_;
+            at = begun + line_time(index + 1, model_.byte_bits(), host_baud_);
         }
         enqueue(Direction::to_module, {at, bytes[index], host_baud_, host_even_parity_});
     }
     to_module_.free_at = std::max(to_module_.free_at, at);
+    busy_ += at - begun;
     return at;
 }
 
@@ -150,12 +155,14 @@ void Line::carry(Wire& wire, Micros now) {
         for (std::size_t index = 0; index < size; ++index) {
             if (settings_.paced && utterance.baud != 0) {
                 const std::size_t packet_end = std::min(size, (index / packet + 1) * packet);
-                at = begun + packet_end * 10'000'000U / utterance.baud;
+                at = begun + line_time(packet_end, model_.byte_bits(), utterance.baud);
             }
             enqueue(Direction::to_host,
                     {at, utterance.bytes[index], utterance.baud, model_.even_parity});
         }
         to_host_.free_at = std::max(to_host_.free_at, at);
+        busy_ += at - begun;
+        delayed_ += utterance.delay;
     }
     wire.utterances.clear();
 }

@@ -24,7 +24,7 @@ struct TracedByte {
 class Line {
   public:
     struct Settings {
-        /// The module's bytes take 10 bit times each; without it they take none.
+        /// The module's bytes take their bit times, as the tool's do; without it they take none.
         bool paced = true;
         /// The tool's bytes take no time, for a tool that does not wait until its bytes have left.
         bool instant = false;
@@ -56,6 +56,11 @@ class Line {
 
     /// The module loses its power and gets it back.
     void power_cycle(Micros now);
+
+    /// How long the bytes of both directions have taken so far, and how long the module has let its
+    /// answers wait.
+    [[nodiscard]] Micros busy() const { return busy_; }
+    [[nodiscard]] Micros delayed() const { return delayed_; }
 
     [[nodiscard]] bool unplugged() const { return unplugged_; }
     void unplug() { unplugged_ = true; }
@@ -96,6 +101,8 @@ class Line {
     unsigned host_baud_ = 115200;
     bool host_even_parity_ = false;
     bool unplugged_ = false;
+    Micros busy_ = 0;
+    Micros delayed_ = 0;
     std::vector<TracedByte> trace_;
 };
 

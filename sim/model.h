@@ -69,6 +69,10 @@ class Model {
     /// Whether the module expects even parity.
     bool even_parity = false;
 
+    /// How many bit times a byte takes: start bit, eight data bits, stop bit, and the parity bit
+    /// where there is one.
+    [[nodiscard]] virtual unsigned byte_bits() const { return even_parity ? 11 : 10; }
+
     /// Power comes on, or comes back: everything but the flash is as after a start.
     virtual void power_on(Micros now, Wire& wire) = 0;
 
