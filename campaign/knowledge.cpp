@@ -1,24 +1,104 @@
 #include "knowledge.h"
 
+#include <algorithm>
+#include <numeric>
+
+#include "app_loader.h"
+#include "teseo_loader.h"
+#include "zpx710p.h"
+
 namespace orbix::campaign {
 
 namespace {
 
 constexpr const char* response =
     "a response is awaited without a limit: the boot loader may be erasing";
-bool disturbed(const Record& record, const std::string& /*what*/) {
-    return !record.faults.empty();
+
+bool block_refused(const Evidence& evidence) {
+    return evidence.record.output.find("error resend -- ") != std::string::npos;
 }
 
-bool block_refused(const Record& record, const std::string& /*what*/) {
-    return record.output.find("error resend -- ") != std::string::npos;
+/// The boot loader has said no to a command.
+bool command_refused(const Evidence& evidence) {
+    const auto* const loader = dynamic_cast<const sim::AppLoader*>(evidence.rig.module.get());
+    return loader != nullptr && loader->refusals() > 0;
 }
 
-/// Bytes that come twice, or from nowhere, on the way to the tool, or that turn into others.
-bool has_spare_answers(const Record& record, const std::string& /*what*/) {
-    return record.has_fault(sim::FaultKind::duplicate, sim::Direction::to_host) ||
-           record.has_fault(sim::FaultKind::noise, sim::Direction::to_host) ||
-           record.has_fault(sim::FaultKind::flip, sim::Direction::to_host);
+/// An acknowledgement has reached the tool that the module did not send.
+template <std::uint8_t acknowledgement>
+bool acknowledgement_made_up(const Evidence& evidence) {
+    const auto& strikes = evidence.record.strikes;
+    return std::any_of(strikes.begin(), strikes.end(), [](const sim::Strike& strike) {
+        return strike.direction == sim::Direction::to_host && strike.became == acknowledgement &&
+               (strike.kind == sim::FaultKind::duplicate || strike.was != acknowledgement);
+    });
+}
+
+/// Every packet that was damaged has the sum of the right one.
+bool sums_are_right(const Evidence& evidence) {
+    constexpr std::size_t packet = 4096;
+    const auto same_sums = [](Bytes right, Bytes found) {
+        right.resize((right.size() + packet - 1) / packet * packet, 0xFF);
+        found.resize(right.size(), 0xFF);
+        for (std::size_t at = 0; at < right.size(); at += packet) {
+            const auto sum = [at](const Bytes& bytes) {
+                const auto begin = bytes.begin() + static_cast<std::ptrdiff_t>(at);
+                return std::accumulate(begin, begin + packet, 0U);
+            };
+            if (sum(right) != sum(found)) {
+                return false;
+            }
+        }
+        return true;
+    };
+    for (const Held& held : evidence.rig.held) {
+        const std::size_t padded = (held.content.size() + packet - 1) / packet * packet;
+        const auto cells = held.flash->read(held.address, padded);
+        if (!same_sums(held.content, {cells.begin(), cells.end()})) {
+            return false;
+        }
+    }
+    const auto& written = evidence.rig.written;
+    return std::all_of(written.begin(), written.end(), [&](const Written& file) {
+        return same_sums(file.content, sim::read_file(file.path));
+    });
+}
+
+/// All is right but the last block, which was not written.
+bool last_block_is_missing(const Evidence& evidence) {
+    constexpr std::size_t block = 1024;
+    const Held& held = evidence.rig.held.front();
+    const auto right = static_cast<std::ptrdiff_t>((held.content.size() - 1) / block * block);
+    const auto cells = held.flash->read(held.address, held.content.size());
+    return std::equal(cells.begin(), cells.begin() + right, held.content.begin()) &&
+           std::all_of(cells.begin() + right, cells.end(),
+                       [](std::uint8_t cell) { return cell == 0xFF; });
+}
+
+const sim::Zpx710pRomLoader& rom_loader(const Evidence& evidence) {
+    return dynamic_cast<const sim::Zpx710pRomLoader&>(*evidence.rig.module);
+}
+
+/// A packet that was hit on its way has passed the check.
+bool struck_packet_accepted(const Evidence& evidence) {
+    const auto& strikes = evidence.record.strikes;
+    const auto& packets = rom_loader(evidence).accepted_packets();
+    return std::any_of(strikes.begin(), strikes.end(), [&](const sim::Strike& strike) {
+        return strike.direction == sim::Direction::to_module &&
+               strike.kind != sim::FaultKind::delay &&
+               std::any_of(packets.begin(), packets.end(), [&](const auto& packet) {
+                   return strike.time >= packet.begin && strike.time <= packet.end;
+               });
+    });
+}
+
+/// The module has lost its power, and was synchronised once more by what it heard then.
+bool synchronised_in_the_midst(const Evidence& evidence) {
+    const auto& strikes = evidence.record.strikes;
+    const auto cycle = std::find_if(strikes.begin(), strikes.end(), [](const auto& strike) {
+        return strike.kind == sim::FaultKind::power_cycle;
+    });
+    return cycle != strikes.end() && rom_loader(evidence).synchronisations() > 1;
 }
 
 constexpr const char* skipped =
@@ -81,28 +161,34 @@ const std::vector<Exception> exceptions{
      "Ag3335NewWrite.RefusedBlockIsSkippedAndItsAddressKept"},
     {"AG3352", "download", Check::holds_image, block_refused, skipped,
      "Ag3352Download.RefusedBlocksAreSkipped"},
-    {"AG3335", "old-agent", Check::holds_image, disturbed, byte_sum,
+    {"AG3335", "old-agent", Check::holds_image, sums_are_right, byte_sum,
      "CampaignExceptions.ByteSumOverAPacketMissesTwoTurnedBits"},
-    {"AG3335", "old-readback", Check::holds_image, disturbed, byte_sum,
+    {"AG3335", "old-readback", Check::holds_image, sums_are_right, byte_sum,
      "CampaignExceptions.ByteSumOverAPacketMissesTwoTurnedBits"},
-    {"monitor1", "*", Check::holds_image, disturbed, refused,
+    {"monitor1", "*", Check::holds_image, command_refused, refused,
      "Monitor.StatusAndLengthOfAResponseAreNotLookedAt"},
-    {"monitor2", "*", Check::holds_image, disturbed, refused,
+    {"monitor2", "*", Check::holds_image, command_refused, refused,
      "Monitor.StatusAndLengthOfAResponseAreNotLookedAt"},
-    {"EVB", "*", Check::holds_image, disturbed, refused, "Evb.StatusOfAResponseIsNotLookedAt"},
-    {"STA8089", "*", Check::holds_image, has_spare_answers, not_numbered,
+    {"EVB", "*", Check::holds_image, command_refused, refused,
+     "Evb.StatusOfAResponseIsNotLookedAt"},
+    {"STA8089", "*", Check::holds_image, acknowledgement_made_up<sim::teseo_ack>, not_numbered,
      "CampaignExceptions.SpareAcknowledgementStandsInForTheVerdict"},
-    {"STA8100", "*", Check::holds_image, has_spare_answers, not_numbered,
+    {"STA8100", "*", Check::holds_image, acknowledgement_made_up<sim::teseo_ack>, not_numbered,
      "CampaignExceptions.SpareAcknowledgementStandsInForTheVerdict"},
-    {"STA9100", "*", Check::holds_image, has_spare_answers, not_numbered,
+    {"STA9100", "*", Check::holds_image, acknowledgement_made_up<sim::teseo_ack>, not_numbered,
      "CampaignExceptions.SpareAcknowledgementStandsInForTheVerdict"},
-    {"RX7040", "download", Check::holds_image, disturbed,
-     "the end of an XMODEM transfer is one byte without a check: one inside a damaged block ends "
-     "it",
+    {"ZPX710P", "DL", Check::holds_image, acknowledgement_made_up<0x79>, not_numbered,
+     "CampaignExceptions.SpareAcknowledgementStandsInForABlock"},
+    {"ZPX710P", "DL", Check::holds_image, struck_packet_accepted,
+     "a packet has one byte of checksum, the XOR of the others, and no end of its own",
+     "CampaignExceptions.PacketThatLostAByteIsFilledUpByItsRepetition"},
+    {"ZPX710P", "DL", Check::holds_image, synchronised_in_the_midst,
+     "behind a power cycle the ROM loader takes a byte of the image for its call and acknowledges",
+     "CampaignExceptions.ByteOfTheImageSynchronisesARestartedModule"},
+    {"RX7040", "download", Check::holds_image, last_block_is_missing,
+     "the end of an XMODEM transfer is one byte without a check: a block that loses its head may "
+     "begin with it",
      "CampaignExceptions.XmodemEndsAtAByteOfADamagedBlock"},
-    {"ZPX710P", "DL", Check::holds_image, disturbed,
-     "the sum over a packet is an XOR: two bits turned in the same place go unseen",
-     "CampaignExceptions.XorOverAPacketMissesTwoTurnedBits"},
 };
 
 }  // namespace orbix::campaign

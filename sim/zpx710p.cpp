@@ -66,6 +66,9 @@ void Zpx710pRomLoader::receive(std::uint8_t byte, Micros now, Wire& wire) {
     if (awaited_ == Question::synchronisation && byte != synchronisation_byte) {
         return;  // the rate is not found yet
     }
+    if (packet_.empty()) {
+        packet_begun_ = now;
+    }
     packet_.push_back(byte);
     if (awaited_ == Question::data && packet_.size() == 1) {
         expected_ = byte + 3U;
@@ -78,6 +81,7 @@ void Zpx710pRomLoader::receive(std::uint8_t byte, Micros now, Wire& wire) {
 void Zpx710pRomLoader::handle_packet(Micros now, Wire& wire) {
     switch (awaited_) {
         case Question::synchronisation:
+            ++synchronisations_;
             answer(true, 0, now, wire);
             await(Question::command, 2);
             return;
@@ -155,6 +159,9 @@ void Zpx710pRomLoader::answer(bool accepted, Micros duration, Micros now, Wire& 
     std::vector<std::uint8_t> bytes{accepted ? accepted_byte : refused_byte};
     if (tamper) {
         tamper(awaited_, bytes);
+    }
+    if (accepted && awaited_ != Question::synchronisation) {
+        accepted_packets_.push_back({packet_begun_, now});
     }
     const Micros delay = accepted ? duration : 0;
     busy_until_ = now + delay;

@@ -35,6 +35,18 @@ class Zpx710pRomLoader : public Model {
     /// change the answer, or empty it for silence.
     std::function<void(Question question, std::vector<std::uint8_t>& answer)> tamper;
 
+    /// When a packet came in, from its first byte to its last.
+    struct Span {
+        Micros begin;
+        Micros end;
+    };
+
+    /// The packets that it took for good ones since the object exists; the synchronisation is none.
+    [[nodiscard]] const std::vector<Span>& accepted_packets() const { return accepted_packets_; }
+
+    /// How often it has been synchronised since the object exists.
+    [[nodiscard]] int synchronisations() const { return synchronisations_; }
+
     Micros start_time = 0;                  ///< from power-on until it listens
     Micros erase_time = milliseconds(25);   ///< a page
     Micros program_time = milliseconds(4);  ///< a block
@@ -55,6 +67,9 @@ class Zpx710pRomLoader : public Model {
     Micros busy_until_ = 0;
     std::uint32_t next_page_ = 0;
     std::uint32_t address_ = 0;
+    Micros packet_begun_ = 0;
+    std::vector<Span> accepted_packets_;
+    int synchronisations_ = 0;
 };
 
 /// The module as it runs.
