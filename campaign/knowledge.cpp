@@ -92,6 +92,11 @@ bool struck_packet_accepted(const Evidence& evidence) {
     });
 }
 
+/// The tool has repeated an address that the module had taken, and the module took it for data.
+bool address_taken_for_data(const Evidence& evidence) {
+    return rom_loader(evidence).took_address_for_data();
+}
+
 /// The module has lost its power, and was synchronised once more by what it heard then.
 bool synchronised_in_the_midst(const Evidence& evidence) {
     const auto& strikes = evidence.record.strikes;
@@ -182,6 +187,9 @@ const std::vector<Exception> exceptions{
     {"ZPX710P", "DL", Check::holds_image, struck_packet_accepted,
      "a packet has one byte of checksum, the XOR of the others, and no end of its own",
      "CampaignExceptions.PacketThatLostAByteIsFilledUpByItsRepetition"},
+    {"ZPX710P", "DL", Check::holds_image, address_taken_for_data,
+     "a packet is repeated when its answer came wrong: the module takes it for the next one",
+     "CampaignExceptions.RepeatedAddressIsTakenForData"},
     {"ZPX710P", "DL", Check::holds_image, synchronised_in_the_midst,
      "behind a power cycle the ROM loader takes a byte of the image for its call and acknowledges",
      "CampaignExceptions.ByteOfTheImageSynchronisesARestartedModule"},

@@ -137,6 +137,7 @@ bool Zpx710pRomLoader::erase_page() {
 }
 
 bool Zpx710pRomLoader::take_address() {
+    address_packet_ = packet_;
     address_ = 0;
     for (std::size_t index = 0; index < 4; ++index) {
         address_ = address_ << 8 | packet_[index];
@@ -146,7 +147,13 @@ bool Zpx710pRomLoader::take_address() {
 
 bool Zpx710pRomLoader::program() {
     const auto data = std::span(packet_).subspan(1, packet_.size() - 2);
-    return packet_sums_up() && flash_.program(address_, data);
+    if (!packet_sums_up() || !flash_.program(address_, data)) {
+        return false;
+    }
+    took_address_for_data_ |=
+        packet_.size() > address_packet &&
+        std::equal(address_packet_.begin(), address_packet_.end(), packet_.begin());
+    return true;
 }
 
 void Zpx710pRomLoader::await(Question next, std::size_t bytes) {

@@ -47,6 +47,9 @@ class Zpx710pRomLoader : public Model {
     /// How often it has been synchronised since the object exists.
     [[nodiscard]] int synchronisations() const { return synchronisations_; }
 
+    /// Whether it has programmed what began as the address that it had just taken.
+    [[nodiscard]] bool took_address_for_data() const { return took_address_for_data_; }
+
     Micros start_time = 0;                  ///< from power-on until it listens
     Micros erase_time = milliseconds(25);   ///< a page
     Micros program_time = milliseconds(4);  ///< a block
@@ -70,6 +73,8 @@ class Zpx710pRomLoader : public Model {
     Micros packet_begun_ = 0;
     std::vector<Span> accepted_packets_;
     int synchronisations_ = 0;
+    std::vector<std::uint8_t> address_packet_;
+    bool took_address_for_data_ = false;
 };
 
 /// The module as it runs.

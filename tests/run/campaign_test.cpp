@@ -491,6 +491,19 @@ TEST(CampaignExceptions, SpareAcknowledgementStandsInForABlock) {
     EXPECT_FALSE(run.holds_image);
 }
 
+TEST(CampaignExceptions, RepeatedAddressIsTakenForData) {
+    // Two bytes from nowhere in front of the address's acknowledgement: it is sent twice more, and
+    // the block behind it. 08 is the length of a block of nine bytes, whose XOR is right.
+    constexpr std::uint64_t answer_to_the_address = 4;
+    const Zpx710pRomRun run(Bytes{7}, {{.kind = FaultKind::noise,
+                                        .direction = Direction::to_host,
+                                        .byte = answer_to_the_address,
+                                        .amount = 2}});
+    EXPECT_TRUE(run.succeeded);
+    EXPECT_FALSE(run.holds_image);
+    EXPECT_TRUE(run.module.took_address_for_data());
+}
+
 TEST(CampaignExceptions, ByteOfTheImageSynchronisesARestartedModule) {
     Bytes image = random_image(240);
     std::replace(image.begin(), image.end(), std::uint8_t{0x7F}, std::uint8_t{0});
