@@ -4,12 +4,17 @@
 #include <numeric>
 
 #include "app_loader.h"
+#include "checksums.h"
+#include "sta8100_module.h"
 #include "teseo_loader.h"
 #include "zpx710p.h"
 
 namespace orbix::campaign {
 
 namespace {
+
+/// The acknowledgement of the loaders in the ROM of STM32 controllers.
+constexpr std::uint8_t stm32_ack = 0x79;
 
 constexpr const char* response =
     "a response is awaited without a limit: the boot loader may be erasing";
@@ -34,34 +39,45 @@ bool acknowledgement_made_up(const Evidence& evidence) {
     });
 }
 
-/// Every packet that was damaged has the sum of the right one.
-bool sums_are_right(const Evidence& evidence) {
-    constexpr std::size_t packet = 4096;
-    const auto same_sums = [](Bytes right, Bytes found) {
-        right.resize((right.size() + packet - 1) / packet * packet, 0xFF);
+/// Whether each piece of what a run should have brought about, and of what it did, is the same to a
+/// module that looks at the pieces by `checksum` alone.
+template <typename Checksum>
+bool looks_right(const Evidence& evidence, std::size_t piece, Checksum checksum) {
+    const auto padded = [piece](std::size_t size) { return (size + piece - 1) / piece * piece; };
+    const auto looks_same = [&](Bytes right, Bytes found) {
+        right.resize(padded(right.size()), 0xFF);
         found.resize(right.size(), 0xFF);
-        for (std::size_t at = 0; at < right.size(); at += packet) {
-            const auto sum = [at](const Bytes& bytes) {
-                const auto begin = bytes.begin() + static_cast<std::ptrdiff_t>(at);
-                return std::accumulate(begin, begin + packet, 0U);
-            };
-            if (sum(right) != sum(found)) {
+        for (std::size_t at = 0; at < right.size(); at += piece) {
+            if (checksum(std::span(right).subspan(at, piece)) !=
+                checksum(std::span(found).subspan(at, piece))) {
                 return false;
             }
         }
         return true;
     };
-    for (const Held& held : evidence.rig.held) {
-        const std::size_t padded = (held.content.size() + packet - 1) / packet * packet;
-        const auto cells = held.flash->read(held.address, padded);
-        if (!same_sums(held.content, {cells.begin(), cells.end()})) {
-            return false;
-        }
-    }
+    const auto& held = evidence.rig.held;
     const auto& written = evidence.rig.written;
-    return std::all_of(written.begin(), written.end(), [&](const Written& file) {
-        return same_sums(file.content, sim::read_file(file.path));
-    });
+    return std::all_of(held.begin(), held.end(),
+                       [&](const Held& part) {
+                           const auto cells =
+                               part.flash->read(part.address, padded(part.content.size()));
+                           return looks_same(part.content, {cells.begin(), cells.end()});
+                       }) &&
+           std::all_of(written.begin(), written.end(), [&](const Written& file) {
+               return looks_same(file.content, sim::read_file(file.path));
+           });
+}
+
+std::uint32_t byte_sum_of(std::span<const std::uint8_t> bytes) {
+    return std::accumulate(bytes.begin(), bytes.end(), std::uint32_t{0});
+}
+
+bool byte_sums_are_right(const Evidence& evidence) {
+    return looks_right(evidence, 4096, byte_sum_of);
+}
+
+bool fletcher_sums_are_right(const Evidence& evidence) {
+    return looks_right(evidence, 1024, sim::fletcher);
 }
 
 /// All is right but the last block, which was not written.
@@ -80,9 +96,7 @@ const sim::Zpx710pRomLoader& rom_loader(const Evidence& evidence) {
 }
 
 /// A packet that was hit on its way has passed the check.
-bool struck_packet_accepted(const Evidence& evidence) {
-    const auto& strikes = evidence.record.strikes;
-    const auto& packets = rom_loader(evidence).accepted_packets();
+bool any_struck(const std::vector<sim::Span>& packets, const std::vector<sim::Strike>& strikes) {
     return std::any_of(strikes.begin(), strikes.end(), [&](const sim::Strike& strike) {
         return strike.direction == sim::Direction::to_module &&
                strike.kind != sim::FaultKind::delay &&
@@ -90,6 +104,15 @@ bool struck_packet_accepted(const Evidence& evidence) {
                    return strike.time >= packet.begin && strike.time <= packet.end;
                });
     });
+}
+
+bool struck_packet_accepted(const Evidence& evidence) {
+    return any_struck(rom_loader(evidence).accepted_packets(), evidence.record.strikes);
+}
+
+bool struck_app_block_accepted(const Evidence& evidence) {
+    auto& module = dynamic_cast<sim::Sta8100Module&>(*evidence.rig.module);
+    return any_struck(module.app().accepted_packets(), evidence.record.strikes);
 }
 
 /// The tool has repeated an address that the module had taken, and the module took it for data.
@@ -110,6 +133,10 @@ constexpr const char* skipped =
     "a block that was refused is not sent again: the next one takes its place";
 constexpr const char* byte_sum =
     "a packet is checked by the sum of its bytes: two bits that are turned opposite ways go unseen";
+constexpr const char* fletcher_sum =
+    "a block is checked by two sums: three bits in a row that are turned in turn go unseen";
+constexpr const char* one_byte_of_checksum =
+    "a packet has one byte of checksum, the XOR of the others, and no end of its own";
 constexpr const char* refused = "the status of a response is not looked at: a refusal will do";
 constexpr const char* not_numbered =
     "acknowledgements are single bytes without a number: one too many stands in for a later one";
@@ -166,9 +193,9 @@ const std::vector<Exception> exceptions{
      "Ag3335NewWrite.RefusedBlockIsSkippedAndItsAddressKept"},
     {"AG3352", "download", Check::holds_image, block_refused, skipped,
      "Ag3352Download.RefusedBlocksAreSkipped"},
-    {"AG3335", "old-agent", Check::holds_image, sums_are_right, byte_sum,
+    {"AG3335", "old-agent", Check::holds_image, byte_sums_are_right, byte_sum,
      "CampaignExceptions.ByteSumOverAPacketMissesTwoTurnedBits"},
-    {"AG3335", "old-readback", Check::holds_image, sums_are_right, byte_sum,
+    {"AG3335", "old-readback", Check::holds_image, byte_sums_are_right, byte_sum,
      "CampaignExceptions.ByteSumOverAPacketMissesTwoTurnedBits"},
     {"monitor1", "*", Check::holds_image, command_refused, refused,
      "Monitor.StatusAndLengthOfAResponseAreNotLookedAt"},
@@ -176,16 +203,21 @@ const std::vector<Exception> exceptions{
      "Monitor.StatusAndLengthOfAResponseAreNotLookedAt"},
     {"EVB", "*", Check::holds_image, command_refused, refused,
      "Evb.StatusOfAResponseIsNotLookedAt"},
+    {"HD8xx0", "boot", Check::holds_image, fletcher_sums_are_right, fletcher_sum,
+     "CampaignExceptions.FletcherSumsOverABlockMissThreeTurnedBits"},
     {"STA8089", "*", Check::holds_image, acknowledgement_made_up<sim::teseo_ack>, not_numbered,
      "CampaignExceptions.SpareAcknowledgementStandsInForTheVerdict"},
     {"STA8100", "*", Check::holds_image, acknowledgement_made_up<sim::teseo_ack>, not_numbered,
      "CampaignExceptions.SpareAcknowledgementStandsInForTheVerdict"},
     {"STA9100", "*", Check::holds_image, acknowledgement_made_up<sim::teseo_ack>, not_numbered,
      "CampaignExceptions.SpareAcknowledgementStandsInForTheVerdict"},
-    {"ZPX710P", "DL", Check::holds_image, acknowledgement_made_up<0x79>, not_numbered,
+    {"STA8100", "app_boot", Check::holds_image, acknowledgement_made_up<stm32_ack>, not_numbered,
+     "CampaignExceptions.SpareAcknowledgementStandsInForAnAppBlock"},
+    {"STA8100", "app_boot", Check::holds_image, struck_app_block_accepted, one_byte_of_checksum,
+     "CampaignExceptions.XorOverAnAppBlockMissesTwoTurnedBits"},
+    {"ZPX710P", "DL", Check::holds_image, acknowledgement_made_up<stm32_ack>, not_numbered,
      "CampaignExceptions.SpareAcknowledgementStandsInForABlock"},
-    {"ZPX710P", "DL", Check::holds_image, struck_packet_accepted,
-     "a packet has one byte of checksum, the XOR of the others, and no end of its own",
+    {"ZPX710P", "DL", Check::holds_image, struck_packet_accepted, one_byte_of_checksum,
      "CampaignExceptions.PacketThatLostAByteIsFilledUpByItsRepetition"},
     {"ZPX710P", "DL", Check::holds_image, address_taken_for_data,
      "a packet is repeated when its answer came wrong: the module takes it for the next one",

@@ -35,12 +35,6 @@ class Zpx710pRomLoader : public Model {
     /// change the answer, or empty it for silence.
     std::function<void(Question question, std::vector<std::uint8_t>& answer)> tamper;
 
-    /// When a packet came in, from its first byte to its last.
-    struct Span {
-        Micros begin;
-        Micros end;
-    };
-
     /// The packets that it took for good ones since the object exists; the synchronisation is none.
     [[nodiscard]] const std::vector<Span>& accepted_packets() const { return accepted_packets_; }
 

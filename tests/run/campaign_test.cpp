@@ -11,8 +11,11 @@
 #include "ag33xx_modules.h"
 #include "campaign/checks.h"
 #include "campaign/knowledge.h"
+#include "cyfm_package.h"
+#include "hd8xx0_module.h"
 #include "run/harness.h"
 #include "rx7040_module.h"
+#include "sta8100_module.h"
 #include "teseo_chip.h"
 #include "zpx710p.h"
 
@@ -434,6 +437,88 @@ TEST(CampaignExceptions, ByteSumOverAPacketMissesTwoTurnedBits) {
         missed = succeeded && read_file(part) != content;
     }
     EXPECT_TRUE(missed) << "one pair of turned bits in sixteen goes unseen";
+}
+
+TEST(CampaignExceptions, FletcherSumsOverABlockMissThreeTurnedBits) {
+    const TempDir folder;
+    // +1, -2, +1 in a row changes neither the sum of the bytes nor the sum of the sums.
+    constexpr std::ptrdiff_t offset = 1500;
+    Bytes image = random_image(4000);
+    image[offset] = image[offset + 2] = 0x00;
+    image[offset + 1] = 0xFF;
+    const std::vector<std::string> arguments{
+        "-m",     "MX210A00", "-p",   "COM6", "-b",
+        "115200", "-t",       "boot", "-f",   folder.write("fw.cyfm", sim::make_cyfm(image))};
+    sim::Hd8xx0Module undisturbed;
+    const Bytes sent = ToolRun(undisturbed, arguments).sent;
+    const auto begin = image.begin() + offset;
+    const auto place = std::search(sent.begin(), sent.end(), begin, begin + 100) - sent.begin();
+    bool missed = false;
+    for (std::uint64_t seed = 1; seed <= 400 && !missed; ++seed) {
+        sim::Hd8xx0Module module;
+        Conditions conditions;
+        conditions.seed = seed;
+        conditions.faults.push_back(
+            {.kind = FaultKind::flip, .byte = static_cast<std::uint64_t>(place), .amount = 3});
+        const ToolRun run(module, arguments, conditions);
+        const auto held = module.flash().read(module.flash().base(), image.size());
+        const bool right = std::equal(held.begin(), held.end(), image.begin());
+        missed = !right && run.result() == upgrade_success;
+    }
+    EXPECT_TRUE(missed) << "one triple of turned bits in about eighty goes unseen";
+}
+
+/// An image for the application processor of a STA8100 under faults.
+class AppBootRun {
+  public:
+    explicit AppBootRun(std::vector<sim::Fault> faults = {}, std::uint64_t seed = 1) {
+        const TempDir folder;
+        const Bytes image = random_image(1024);
+        auto settings = sim::Sta8100Module::of_model("TS50A");
+        settings.chip.talker.period = 0;
+        settings.app_waits = true;
+        sim::Sta8100Module module(settings);
+        Conditions conditions;
+        conditions.faults = std::move(faults);
+        conditions.seed = seed;
+        const ToolRun run(module,
+                          {"-m", "TS50A", "-p", "COM6", "-b", "115200", "-c", "app_boot", "-f",
+                           folder.write("app.bin", image)},
+                          conditions);
+        succeeded = run.result() == upgrade_success;
+        sent = run.sent.size();
+        received = run.received.size();
+        const auto& flash = module.app().flash();
+        const auto held = flash.read(flash.base(), image.size());
+        holds_image = std::equal(held.begin(), held.end(), image.begin());
+    }
+
+    bool succeeded = false;
+    bool holds_image = false;
+    std::size_t sent = 0;
+    std::size_t received = 0;
+};
+
+TEST(CampaignExceptions, XorOverAnAppBlockMissesTwoTurnedBits) {
+    bool missed = false;
+    for (std::uint64_t seed = 1; seed <= 40 && !missed; ++seed) {
+        const AppBootRun run({{.kind = FaultKind::flip, .byte = 500, .amount = 2}}, seed);
+        missed = run.succeeded && !run.holds_image;
+    }
+    EXPECT_TRUE(missed) << "one pair of turned bits in eight stands in the same place";
+}
+
+TEST(CampaignExceptions, SpareAcknowledgementStandsInForAnAppBlock) {
+    const AppBootRun undisturbed;
+    ASSERT_TRUE(undisturbed.succeeded && undisturbed.holds_image);
+    // Three acknowledgements for each of the four blocks: that of the first block's data comes
+    // twice, and the last block loses a byte.
+    const AppBootRun run({{.kind = FaultKind::duplicate,
+                           .direction = Direction::to_host,
+                           .byte = undisturbed.received - 10},
+                          {.kind = FaultKind::drop, .byte = undisturbed.sent - 100}});
+    EXPECT_TRUE(run.succeeded);
+    EXPECT_FALSE(run.holds_image);
 }
 
 /// A download into the ROM loader of a ZPX710P under faults.
