@@ -189,6 +189,15 @@ TEST(CampaignChecks, FindAFlashThatDoesNotHoldTheImage) {
               std::set<Check>{Check::holds_image});
 }
 
+TEST(CampaignChecks, FindAReadbackThatIsNotTheFlash) {
+    EXPECT_EQ(found_in([](campaign::Draw& draw) {
+                  Rig rig = scenario_of("AG3352", "readback").make(draw);
+                  rig.written.front().content.back() ^= 1;
+                  return rig;
+              }),
+              std::set<Check>{Check::holds_image});
+}
+
 TEST(CampaignChecks, FindWhatIsWrittenOutsideTheRegion) {
     EXPECT_EQ(found_in([](campaign::Draw& draw) {
                   Rig rig = good_rig(draw);
@@ -229,16 +238,22 @@ TEST(CampaignChecks, FindACodeThatIsNoneOfTheModes) {
 }
 
 /// Judges an output as if a run had written it.
-std::set<Check> found_in_output(const std::string& output, std::uint64_t duration_ms = 0) {
+struct RunEnd {
+    std::uint64_t duration_ms = 0;
+    int status = 0;
+    bool cut_off = false;
+};
+std::set<Check> found_in_output(const std::string& output, const RunEnd& end = {}) {
     const Workplace workplace;
     const Scenario scenario{"AG3352", "upgrade", good_rig, {-1}};
     SilentModule module;
     sim::ToolRun run(module, {"-S"});
-    run.status = 0;
+    run.status = end.status;
+    run.hit_time_limit = end.cut_off;
     Record record;
     record.scenario = &scenario;
     record.output = output;
-    record.waited = duration_ms >= campaign::patience_ms;
+    record.waited = end.duration_ms >= campaign::patience_ms;
     record.faults.push_back({});
     campaign::judge(record, {}, run);
     std::set<Check> found;
@@ -283,14 +298,27 @@ TEST(CampaignChecks, FindResultsThatDoNotAgree) {
               agreement);
 }
 
+TEST(CampaignChecks, FindAnExitStatus) {
+    const std::string fail =
+        "[000.001][ERROR] x\n[000.001][FAIL] orbix_flash upgrade fail,ret:[-1]\n";
+    EXPECT_EQ(found_in_output(fail, {.status = 1}), std::set<Check>{Check::agrees});
+}
+
+TEST(CampaignChecks, FindARunThatGoesOnWithoutItsDevice) {
+    const std::string stated = "[000.001][INFO] Sync success!\n";
+    const RunEnd end{.duration_ms = campaign::patience_ms, .cut_off = true};
+    EXPECT_EQ(found_in_output(stated, end), std::set<Check>{Check::ends});
+}
+
 TEST(CampaignChecks, FindAWaitThatIsNotStated) {
     const std::string late =
         "[1200.600][ERROR] gone\n"
         "[1200.600][FAIL] orbix_flash upgrade fail,ret:[-1]\n";
-    EXPECT_EQ(
-        found_in_output("[000.001][INFO] Waiting for Sync...\n" + late, campaign::patience_ms),
-        std::set<Check>{Check::ends});
-    EXPECT_EQ(found_in_output("[000.001][INFO] Sync success!\n" + late, campaign::patience_ms),
+    EXPECT_EQ(found_in_output("[000.001][INFO] Waiting for Sync...\n" + late,
+                              {.duration_ms = campaign::patience_ms}),
+              std::set<Check>{Check::ends});
+    EXPECT_EQ(found_in_output("[000.001][INFO] Sync success!\n" + late,
+                              {.duration_ms = campaign::patience_ms}),
               std::set<Check>{});
 }
 
