@@ -79,34 +79,46 @@ void Line::enqueue(Direction direction, Transit transit) {
             continue;
         }
         const std::uint64_t behind = number - *fault.byte;
+        const std::uint8_t was = transit.byte;
+        const Micros arrives = std::max(transit.arrival, lane.free_at);
         switch (fault.kind) {
             case FaultKind::drop:
-                copies = behind < fault.amount ? 0 : copies;
+                if (behind < fault.amount) {
+                    copies = 0;
+                    note_strike(fault, arrives, was, 0);
+                }
                 break;
             case FaultKind::flip:
                 if (behind < fault.amount) {
-                    transit.byte = static_cast<std::uint8_t>(transit.byte ^ 1U << (random_() % 8));
+                    transit.byte = static_cast<std::uint8_t>(was ^ 1U << (random_() % 8));
+                    note_strike(fault, arrives, was, transit.byte);
                 }
                 break;
             case FaultKind::duplicate:
-                copies = behind < fault.amount && copies != 0 ? 2 : copies;
+                if (behind < fault.amount && copies != 0) {
+                    copies = 2;
+                    note_strike(fault, arrives, was, was);
+                }
                 break;
             case FaultKind::noise:
                 for (std::uint64_t count = 0; behind == 0 && count < fault.amount; ++count) {
                     Transit noise = transit;
                     noise.byte = garbled();
                     lane.transit.push_back(noise);
+                    note_strike(fault, arrives, 0, noise.byte);
                 }
                 break;
             case FaultKind::delay:
                 if (behind == 0) {
                     lane.free_at = transit.arrival + milliseconds(fault.amount);
+                    note_strike(fault, arrives, was, was);
                 }
                 break;
             case FaultKind::silence:
                 if (behind == 0) {
                     lane.silent_until =
                         fault.amount == 0 ? for_ever : transit.arrival + milliseconds(fault.amount);
+                    note_strike(fault, arrives, was, 0);
                 }
                 break;
             case FaultKind::unplug:
@@ -129,7 +141,12 @@ void Line::enqueue(Direction direction, Transit transit) {
     }
 }
 
+void Line::note_strike(const Fault& fault, Micros time, std::uint8_t was, std::uint8_t became) {
+    strikes_.push_back({time, fault.kind, fault.direction, was, became});
+}
+
 void Line::happen(const Fault& fault, Micros now) {
+    note_strike(fault, now, 0, 0);
     if (fault.kind == FaultKind::unplug) {
         unplugged_ = true;
         return;

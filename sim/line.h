@@ -21,6 +21,16 @@ struct TracedByte {
     std::uint8_t byte;
 };
 
+/// A fault as it struck: a byte that was lost, turned, doubled or made up, or the moment at which a
+/// delay, a silence, an unplug or a power cycle began.
+struct Strike {
+    Micros time;
+    FaultKind kind;
+    Direction direction;
+    std::uint8_t was;     ///< the byte as it was sent; 0 for a byte from nowhere
+    std::uint8_t became;  ///< the byte as it arrives; 0 for a byte that is lost
+};
+
 class Line {
   public:
     struct Settings {
@@ -66,6 +76,9 @@ class Line {
     void unplug() { unplugged_ = true; }
     [[nodiscard]] const std::vector<TracedByte>& trace() const { return trace_; }
 
+    /// What the faults have done so far, in the order in which it was done.
+    [[nodiscard]] const std::vector<Strike>& strikes() const { return strikes_; }
+
   private:
     struct Transit {
         Micros arrival;
@@ -83,6 +96,7 @@ class Line {
     };
 
     void enqueue(Direction direction, Transit transit);
+    void note_strike(const Fault& fault, Micros time, std::uint8_t was, std::uint8_t became);
     void deliver_to_module(const Transit& transit);
     void carry(Wire& wire, Micros now);
     void happen(const Fault& fault, Micros now);
@@ -104,6 +118,7 @@ class Line {
     Micros busy_ = 0;
     Micros delayed_ = 0;
     std::vector<TracedByte> trace_;
+    std::vector<Strike> strikes_;
 };
 
 }  // namespace orbix::sim

@@ -22,6 +22,12 @@ inline constexpr Micros milliseconds(std::uint64_t count) {
     return count * 1000;
 }
 
+/// When something came in, from its first byte to its last.
+struct Span {
+    Micros begin;
+    Micros end;
+};
+
 /// What a model says while it handles a byte or wakes up. The line carries it on.
 class Wire {
   public:

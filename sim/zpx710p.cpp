@@ -79,6 +79,9 @@ void Zpx710pRomLoader::receive(std::uint8_t byte, Micros now, Wire& wire) {
     if (awaited_ == Question::synchronisation && byte != synchronisation_byte) {
         return;  // the rate is not found yet
     }
+    if (packet_.empty()) {
+        packet_begun_ = now;
+    }
     packet_.push_back(byte);
     if (awaited_ == Question::data && packet_.size() == 1) {
         expected_ = byte + 3U;
@@ -94,6 +97,7 @@ void Zpx710pRomLoader::receive(std::uint8_t byte, Micros now, Wire& wire) {
 void Zpx710pRomLoader::handle_packet(Micros now, Wire& wire) {
     switch (awaited_) {
         case Question::synchronisation:
+            ++synchronisations_;
             answer(true, 0, now, wire);
             await(Question::command, 2);
             return;
@@ -209,6 +213,7 @@ bool Zpx710pRomLoader::erase_pages() {
 }
 
 bool Zpx710pRomLoader::take_address() {
+    address_packet_ = packet_;
     address_ = 0;
     for (std::size_t index = 0; index < 4; ++index) {
         address_ = address_ << 8 | packet_[index];
@@ -218,7 +223,13 @@ bool Zpx710pRomLoader::take_address() {
 
 bool Zpx710pRomLoader::program() {
     const auto data = std::span(packet_).subspan(1, packet_.size() - 2);
-    return packet_sums_up() && flash_.program(address_, data);
+    if (!packet_sums_up() || !flash_.program(address_, data)) {
+        return false;
+    }
+    took_address_for_data_ |=
+        packet_.size() > address_packet &&
+        std::equal(address_packet_.begin(), address_packet_.end(), packet_.begin());
+    return true;
 }
 
 void Zpx710pRomLoader::await(Question next, std::size_t bytes) {
@@ -231,6 +242,9 @@ void Zpx710pRomLoader::answer(bool accepted, Micros duration, Micros now, Wire& 
     std::vector<std::uint8_t> bytes{accepted ? accepted_byte : refused_byte};
     if (tamper) {
         tamper(awaited_, bytes);
+    }
+    if (accepted && awaited_ != Question::synchronisation) {
+        accepted_packets_.push_back({packet_begun_, now});
     }
     const Micros delay = accepted ? duration : 0;
     busy_until_ = now + delay;

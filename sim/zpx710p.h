@@ -37,6 +37,15 @@ class Zpx710pRomLoader : public Model {
     /// change the answer, or empty it for silence.
     std::function<void(Question question, std::vector<std::uint8_t>& answer)> tamper;
 
+    /// The packets that it took for good ones since the object exists; the synchronisation is none.
+    [[nodiscard]] const std::vector<Span>& accepted_packets() const { return accepted_packets_; }
+
+    /// How often it has been synchronised since the object exists.
+    [[nodiscard]] int synchronisations() const { return synchronisations_; }
+
+    /// Whether it has programmed what began as the address that it had just taken.
+    [[nodiscard]] bool took_address_for_data() const { return took_address_for_data_; }
+
     Micros start_time = 0;                  ///< from power-on until it listens
     Micros erase_time = milliseconds(25);   ///< a page
     Micros program_time = milliseconds(4);  ///< a block
@@ -59,6 +68,11 @@ class Zpx710pRomLoader : public Model {
     Micros busy_until_ = 0;
     std::uint32_t next_page_ = 0;
     std::uint32_t address_ = 0;
+    Micros packet_begun_ = 0;
+    std::vector<Span> accepted_packets_;
+    int synchronisations_ = 0;
+    std::vector<std::uint8_t> address_packet_;
+    bool took_address_for_data_ = false;
 };
 
 /// The module as it runs.
