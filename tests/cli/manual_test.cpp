@@ -89,7 +89,7 @@ TEST(ManualPage, HasEveryOptionOfTheSimulator) {
         ++count;
         EXPECT_TRUE(has_entry(options, (*it)[1])) << (*it)[1];
     }
-    EXPECT_EQ(count, 9);
+    EXPECT_EQ(count, 10);
     const std::string faults = section(source_of("orbix_sim"), "#", "FAULTS");
     for (const std::string kind :
          {"drop", "flip", "duplicate", "noise", "delay", "silence", "unplug", "power-cycle"}) {
