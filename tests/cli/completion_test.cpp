@@ -24,6 +24,7 @@ using Words = std::vector<std::string>;
 
 constexpr const char* flash_program = ORBIX_BIN_DIR "/orbix_flash";
 constexpr const char* sim_program = ORBIX_BIN_DIR "/orbix_sim";
+constexpr const char* station_program = ORBIX_BIN_DIR "/orbix_station";
 
 /// What the completion knows about the families, in the order of the table of models.
 struct Family {
@@ -260,9 +261,20 @@ TEST(Completion, LongPortNamesAreOfferedWhereTheProgramTakesThem) {
 TEST(Completion, SimulatorTellsItsModelsAndOptions) {
     EXPECT_EQ(offered({sim_program, ""}), split(run_program("orbix_sim", {"--list"}).output));
     EXPECT_EQ(offered({sim_program, "RTA500C_EVB_NXP", "--"}),
-              (Words{"--link", "--rate", "--pace", "--instant", "--faults", "--seed", "--dump",
-                     "--list", "--help"}));
+              (Words{"--link", "--count", "--rate", "--pace", "--instant", "--faults", "--seed",
+                     "--dump", "--list", "--help"}));
     EXPECT_EQ(offered({sim_program, "TR52G", "--dump", ""}), Words{"(default)"});
+}
+
+TEST(Completion, StationTakesPortsAndGoesOnAsTheToolBehindTheSeparator) {
+    if (!std::filesystem::exists(station_program)) {
+        GTEST_SKIP() << "the station is not part of this build";
+    }
+    EXPECT_EQ(offered({station_program, "--j"}), (Words{"--jobs", "--json"}));
+    EXPECT_EQ(offered({station_program, "ttyS0", "--", "-m", "MN10"}), (Words{"MN10A", "MN10B"}));
+    EXPECT_EQ(offered({station_program, "--jobs", "2", "ttyS0", "--", "-m", "MN10A", "-t", ""}),
+              (Words{"APP", "BOOT"}));
+    EXPECT_EQ(offered({station_program, "--json", ""}), Words{"(default)"});
 }
 
 /// An interactive bash on a terminal of its own, with the completions read in.

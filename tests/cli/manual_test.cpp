@@ -98,13 +98,32 @@ TEST(ManualPage, HasEveryOptionOfTheSimulator) {
     }
 }
 
+TEST(ManualPage, HasEveryOptionAndExitStatusOfTheStation) {
+    if (!std::filesystem::exists(ORBIX_BIN_DIR "/orbix_station")) {
+        GTEST_SKIP() << "the station is not part of this build";
+    }
+    const std::string options = section(source_of("orbix_station"), "#", "OPTIONS");
+    const std::string help = run_program("orbix_station", {"--help"}).output;
+    static const std::regex entry("\n  (?:-h,)?(--[a-z-]+)");
+    int count = 0;
+    for (std::sregex_iterator it(help.begin(), help.end(), entry), end; it != end; ++it) {
+        ++count;
+        EXPECT_TRUE(has_entry(options, (*it)[1])) << (*it)[1];
+    }
+    EXPECT_EQ(count, 12);
+    const std::string statuses = section(source_of("orbix_station"), "#", "EXIT STATUS");
+    for (int status = 0; status <= 10; ++status) {
+        EXPECT_TRUE(has_entry(statuses, std::to_string(status))) << status;
+    }
+}
+
 TEST(ManualPage, IsRenderedWithoutAWarning) {
     if (access("/usr/bin/man", X_OK) != 0 ||
         !std::filesystem::exists(ORBIX_BIN_DIR "/man/orbix_flash.1.gz")) {
         GTEST_SKIP() << "the pages are built where scdoc is installed, and shown by man";
     }
     setenv("MANWIDTH", "80", 1);
-    for (const std::string page : {"orbix_flash", "orbix_sim"}) {
+    for (const std::string page : {"orbix_flash", "orbix_sim", "orbix_station"}) {
         const Finished run = run_program(
             "/usr/bin/man", {"--warnings", "--encoding=UTF-8", "--troff-device=utf8", "--ditroff",
                              "--local-file", ORBIX_BIN_DIR "/man/" + page + ".1.gz"});
