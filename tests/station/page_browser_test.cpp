@@ -84,10 +84,11 @@ class PageInBrowser : public ::testing::Test {
         board_.count(false);
     }
 
-    static void show_on_phone() {
+    static void show_on_phone(int width) {
         browser_->command(
             "Emulation.setDeviceMetricsOverride",
-            {{"width", 390}, {"height", 844}, {"deviceScaleFactor", 2}, {"mobile", true}});
+            {{"width", width}, {"height", 844}, {"deviceScaleFactor", 2}, {"mobile", true}});
+        EXPECT_TRUE(sees("innerWidth === " + std::to_string(width)));
     }
 
     static void expect_no_horizontal_scrolling() {
@@ -244,9 +245,9 @@ TEST_F(PageInBrowser, TextOfAModuleStaysText) {
               json({0, "unharmed"}));
 }
 
-TEST_F(PageInBrowser, FitsAPhone) {
+TEST_F(PageInBrowser, FitsAPhoneAndWhatIsLittleWider) {
     serve();
-    show_on_phone();
+    show_on_phone(390);
     const std::string long_word(200, 'x');
     write("/dev/serial/by-id/usb-FTDI_FT232R_USB_UART_A10KZP4X-if00-port0", Phase::write, 50);
     fail("B", Cause::transfer, "a message with " + long_word);
@@ -258,9 +259,13 @@ TEST_F(PageInBrowser, FitsAPhone) {
     });
     EXPECT_TRUE(sees_text("C", ".note", "Waiting: power up"));
     browser_->run("document.querySelectorAll('button').forEach((button) => button.click())");
-    EXPECT_EQ(browser_->run("return innerWidth"), 390);
-    expect_no_horizontal_scrolling();
-    EXPECT_TRUE(sees("row('B').querySelector('.result').getBoundingClientRect().right <= 390"));
+    for (const int width : {390, 320, 780}) {
+        show_on_phone(width);
+        expect_no_horizontal_scrolling();
+        EXPECT_TRUE(sees("[...document.querySelectorAll('tbody *')].every((element) =>"
+                         " element.getBoundingClientRect().right <= innerWidth)"))
+            << width;
+    }
 }
 
 TEST_F(PageInBrowser, DarkAndLightFollowTheSystem) {
