@@ -262,8 +262,9 @@ TEST_F(PageInBrowser, FitsAPhoneAndWhatIsLittleWider) {
     for (const int width : {390, 320, 780}) {
         show_on_phone(width);
         expect_no_horizontal_scrolling();
-        EXPECT_TRUE(sees("[...document.querySelectorAll('tbody *')].every((element) =>"
-                         " element.getBoundingClientRect().right <= innerWidth)"))
+        EXPECT_TRUE(
+            sees("[...document.querySelectorAll('tbody *')].every((element) =>"
+                 " element.getBoundingClientRect().right <= innerWidth)"))
             << width;
     }
 }
