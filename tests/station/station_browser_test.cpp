@@ -1,27 +1,19 @@
 // The built station with simulated modules, seen in a real browser.
 #include <gtest/gtest.h>
 
-#include <boost/asio.hpp>
 #include <csignal>
 #include <fstream>
 #include <map>
 #include <thread>
 
 #include "station/browser.h"
+#include "station/free_port.h"
 
 namespace orbix::test {
 namespace {
 
 using nlohmann::json;
 using sim::TempDir;
-
-/// A port that nobody uses at this moment.
-int free_port() {
-    using boost::asio::ip::tcp;
-    boost::asio::io_context context;
-    const tcp::acceptor any(context, {boost::asio::ip::address_v4::loopback(), 0});
-    return any.local_endpoint().port();
-}
 
 std::string page_at(int port) {
     return "127.0.0.1:" + std::to_string(port);
