@@ -1,11 +1,8 @@
-// windows.h first: the others build on it.
-#include <windows.h>
-
-// The rest.
 #include <fcntl.h>
 #include <io.h>
-#include <shlwapi.h>
+#include <shlwapi.h>  // behind windows.h
 #include <sys/stat.h>
+#include <windows.h>
 
 #include <algorithm>
 #include <array>
@@ -147,8 +144,10 @@ void bind_children() {
     const HANDLE job = CreateJobObjectA(nullptr, nullptr);
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
     limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
-    SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits);
-    AssignProcessToJobObject(job, GetCurrentProcess());
+    if (job != nullptr && SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits,
+                                                  sizeof limits) != 0) {
+        AssignProcessToJobObject(job, GetCurrentProcess());
+    }
 }
 
 void end_with_parent(int /*parent*/) noexcept {}

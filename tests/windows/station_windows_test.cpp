@@ -84,7 +84,9 @@ TEST(WindowsStation, TwoModulesSideBySideOneOfThemFaulty) {
                                                  "-t",        "UPG"}),
                        folder.path());
     // The faulty one is waited for, so there is time to look at the page.
-    EXPECT_TRUE(comes_true([http] { return phase_on_page(http, "COM12") == "done"; }));
+    if (!comes_true([http] { return phase_on_page(http, "COM12") == "done"; })) {
+        FAIL() << "not on the page: " << station.finish().output;
+    }
     EXPECT_EQ(phase_on_page(http, "COM13"), "write");
     const auto page = httplib::Client("127.0.0.1", http).Get("/");
     ASSERT_TRUE(page);
