@@ -1,6 +1,6 @@
 #include <fcntl.h>
 #include <io.h>
-#include <shlwapi.h>  // behind windows.h
+#include <shlwapi.h>
 #include <sys/stat.h>
 #include <windows.h>
 

@@ -55,7 +55,8 @@ bool comes_true(const std::function<bool()>& condition) {
 std::string phase_on_page(int http, const std::string& port) {
     const auto answer = httplib::Client("127.0.0.1", http).Get("/state");
     if (answer && answer->status == 200) {
-        for (const json& row : json::parse(answer->body)["rows"]) {
+        const json state = json::parse(answer->body);
+        for (const json& row : state["rows"]) {
             if (row["port"] == port) {
                 return row["phase"];
             }
@@ -85,7 +86,8 @@ TEST(WindowsStation, TwoModulesSideBySideOneOfThemFaulty) {
                        folder.path());
     // The faulty one is waited for, so there is time to look at the page.
     if (!comes_true([http] { return phase_on_page(http, "COM12") == "done"; })) {
-        FAIL() << "not on the page: " << station.finish().output;
+        const Finished finished = station.finish();
+        FAIL() << "not on the page: " << finished.output << finished.errors;
     }
     EXPECT_EQ(phase_on_page(http, "COM13"), "write");
     const auto page = httplib::Client("127.0.0.1", http).Get("/");
