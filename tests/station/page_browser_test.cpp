@@ -186,6 +186,16 @@ TEST_F(PageInBrowser, AFailureTurnsRedWithItsCause) {
     EXPECT_EQ(text_of("#good") + text_of("#bad") + text_of("#running"), "110");
 }
 
+TEST_F(PageInBrowser, WhatIsToldBesideASuccessIsShown) {
+    serve();
+    write("A", Phase::done);
+    EXPECT_TRUE(sees_text("A", ".result", "✓ flashed"));
+    EXPECT_TRUE(sees("row('A').querySelector('.more').offsetHeight === 0"));
+    board_.write("A", [](Row& row) { row.message = "nothing to write"; });
+    EXPECT_TRUE(sees_text("A", ".note", "But: nothing to write"));
+    EXPECT_TRUE(sees_text("A", ".result", "✓ flashed"));
+}
+
 TEST_F(PageInBrowser, AReloadInMidRunShowsTheCurrentState) {
     serve();
     write("A", Phase::write, 20);

@@ -135,6 +135,30 @@ TEST(WindowsStation, AnAbsentPortIsToldAsThat) {
         << finished.output;
 }
 
+TEST(WindowsStation, CtrlCOnceLetsTheRunFinishTwiceEndsIt) {
+    const TempDir folder;
+    folder.write("app.bin", random_image(30'000));
+    const SimulatedModule module("TR52G", {"--rate", fast, "--instant", "--faults", silent_soon});
+    const ComPort port("com12", module.port());
+    Background station(find_wine(),
+                       on_wine("orbix_station", {"--plain", "COM12", "--", "-m", "TR52G", "-b",
+                                                 fast, "-f", "app.bin", "-t", "UPG"}),
+                       folder.path());
+    while (station.read_line().find(": write") == std::string::npos) {
+    }
+    station.send_signal(SIGINT);
+    std::string line;
+    while (!line.starts_with("the running ones finish")) {
+        line = station.read_line();
+        ASSERT_NE(line, "");
+    }
+    EXPECT_EQ(processes_of("orbix_flash"), 1);
+    station.send_signal(SIGINT);
+    const Finished finished = station.finish();
+    EXPECT_EQ(finished.status, 10) << finished.output;
+    EXPECT_TRUE(comes_true([] { return processes_of("orbix_flash") == 0; }));
+}
+
 TEST(WindowsStation, WhenItIsKilledItsRunsEnd) {
     const TempDir folder;
     folder.write("app.bin", random_image(30'000));
