@@ -30,9 +30,10 @@ using std::chrono::milliseconds;
 /// How long a process may take to follow a polite request.
 constexpr milliseconds patience{2000};
 
-/// How long the pipes of a process that has ended are read on. Longer only matters when a
-/// grandchild holds them.
+/// How long the pipes of a process that has ended are read on, and how often again while something
+/// comes. Longer only matters when a grandchild holds them.
 constexpr milliseconds last_words{300};
+constexpr int most_last_words = 10;
 
 /// Windows' CREATE_NEW_PROCESS_GROUP: a Ctrl-C for the station does not reach its runs.
 constexpr unsigned long new_process_group = 0x200;
@@ -146,6 +147,7 @@ class FlashRun::Process : public std::enable_shared_from_this<FlashRun::Process>
         if (bytes.empty() || finished_) {
             return;
         }
+        ++chunks_;
         watch_silence();
         if (listener_.on_bytes) {
             listener_.on_bytes(bytes);
@@ -197,10 +199,22 @@ class FlashRun::Process : public std::enable_shared_from_this<FlashRun::Process>
             system::end_group(child_->id());  // and whatever it had started
         }
         if (output_.open || errors_.open) {
-            after(last_words_, last_words, [](Process& self) { self.finish(); });
+            await_last_words(most_last_words);
         } else {
             finish();
         }
+    }
+
+    /// Reads on while something comes: a machine that is busy hands out late what lies in the
+    /// pipes.
+    void await_last_words(int rounds) {
+        after(last_words_, last_words, [rounds, before = chunks_](Process& self) {
+            if (rounds > 1 && self.chunks_ != before) {
+                self.await_last_words(rounds - 1);
+            } else {
+                self.finish();
+            }
+        });
     }
 
     void closed(Stream& stream) {
@@ -250,6 +264,7 @@ class FlashRun::Process : public std::enable_shared_from_this<FlashRun::Process>
     bool running_ = false;
     bool ending_ = false;
     bool finished_ = false;
+    unsigned chunks_ = 0;  ///< that were read from both streams
 };
 
 FlashRun::FlashRun(asio::io_context& context, const FlashCommand& command, FlashListener listener)
