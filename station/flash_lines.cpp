@@ -249,7 +249,7 @@ bool FlashLines::has_result() const {
     return result_ == Result::success || result_ == Result::failure;
 }
 
-void FlashLines::end(std::string_view unfinished) {
+void FlashLines::end(std::string_view unfinished, bool port_gone) {
     if (!unfinished.empty()) {
         result_ = Result::spoilt;
     }
@@ -260,7 +260,7 @@ void FlashLines::end(std::string_view unfinished) {
             cause = Cause::none;
             break;
         case Result::failure:
-            cause = cause_of_failure();
+            cause = cause_of_failure(port_gone);
             break;
         case Result::none:
             cause = usage_shown_ ? Cause::usage : Cause::no_result;
@@ -272,7 +272,7 @@ void FlashLines::end(std::string_view unfinished) {
     }
 }
 
-Cause FlashLines::cause_of_failure() const {
+Cause FlashLines::cause_of_failure(bool port_gone) const {
     const Cause broke_off = answered_ ? Cause::transfer : Cause::no_sync;
     if (failures_.empty() && arguments_shown_ && !family_spoke_) {
         return Cause::usage;  // a model that the tool does not know, or cannot read back
@@ -287,7 +287,7 @@ Cause FlashLines::cause_of_failure() const {
             case Meaning::file:
                 return Cause::file;
             case Meaning::refused:
-                found = Cause::refused;
+                found = port_gone ? broke_off : Cause::refused;
                 break;
             case Meaning::no_sync:
                 found = found == Cause::refused ? found : Cause::no_sync;

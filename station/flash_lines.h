@@ -70,8 +70,9 @@ class FlashLines {
     /// Takes a line of standard error.
     void take_error_output(std::string_view line);
 
-    /// The output has ended; `unfinished` is what came behind the last line feed.
-    void end(std::string_view unfinished);
+    /// The output has ended; `unfinished` is what came behind the last line feed. `port_gone`: the
+    /// device has vanished, which some families report as a refusal.
+    void end(std::string_view unfinished, bool port_gone = false);
 
     /// Whether a result line has come, and nothing behind it.
     [[nodiscard]] bool has_result() const;
@@ -99,7 +100,7 @@ class FlashLines {
     void take_speed(std::string_view text);
     void go_on();
     [[nodiscard]] bool is_in(std::string_view context) const;
-    [[nodiscard]] Cause cause_of_failure() const;
+    [[nodiscard]] Cause cause_of_failure(bool port_gone) const;
     [[nodiscard]] std::string failure_in_words() const;
 
     enum class Result : std::uint8_t { none, success, failure, spoilt };

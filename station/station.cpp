@@ -292,8 +292,9 @@ class Station {
     }
 
     void judge(Run& run, const FlashEnd& end) {
-        run.lines.end(end.unfinished);
         Row& row = run.row;
+        const bool port_gone = !system::is_port(row.port);
+        run.lines.end(end.unfinished, port_gone);
         row.phase = Phase::done;
         row.waiting_for.clear();
         row.seconds = seconds_since(row.started);
@@ -320,8 +321,8 @@ class Station {
             row.message = words_of(end) + (row.message.empty() ? "" : "; " + row.message);
         }
         explain_missing_file(run);
-        if (row.cause == Cause::port && !system::is_port(row.port)) {
-            row.message = "there is no such port; " + row.message;
+        if (port_gone && (row.cause == Cause::port || row.cause == Cause::transfer)) {
+            row.message = "the port is not there; " + row.message;
         }
         if (row.cause == Cause::none) {
             row.percent = 100;

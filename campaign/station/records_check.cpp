@@ -296,6 +296,12 @@ void check_against_logs(const std::vector<Json>& records, Findings& findings) {
 
 // --- the page ------------------------------------------------------------------------------------
 
+Json page_state(int port) {
+    httplib::Client client("127.0.0.1", port);
+    const auto answer = client.Get("/state");
+    return answer ? Json::parse(answer->body) : Json();
+}
+
 void PageWatcher::follow(int port) {
     httplib::Client client("127.0.0.1", port);
     client.set_read_timeout(std::chrono::minutes(5));

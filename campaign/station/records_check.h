@@ -43,6 +43,9 @@ void check_order(const std::vector<Json>& records, const std::vector<std::string
 /// progress stands there.
 void check_against_logs(const std::vector<Json>& records, Findings& findings);
 
+/// The page's state at this moment; null when the page does not answer.
+Json page_state(int port);
+
 /// Follows the page's events until the station ends.
 class PageWatcher {
   public:

@@ -1,6 +1,5 @@
 // A whole bench: 32 simulated modules side by side, three of them faulty, in real time.
 #include <gtest/gtest.h>
-#include <httplib.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -67,9 +66,8 @@ class WorkingFolder {
 class StatePoller {
   public:
     void poll(int port) {
-        httplib::Client client("127.0.0.1", port);
-        if (const auto answer = client.Get("/state")) {
-            states_.push_back(Json::parse(answer->body));
+        if (Json state = page_state(port); state.is_object()) {
+            states_.push_back(std::move(state));
         }
     }
 
