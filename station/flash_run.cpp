@@ -69,8 +69,10 @@ class FlashRun::Process : public std::enable_shared_from_this<FlashRun::Process>
             process::exe = command.program, process::args = command.arguments,
             process::std_in = process::null, process::std_out = output_.pipe,
             process::std_err = errors_.pipe, group_, EndsWithParent{}, failure, context_,
-            process::on_exit = [self = shared_from_this()](int, const std::error_code& gone) {
-                self->exited(gone);
+            // Not at once: the library tells of one end after the other out of a list, which a new
+            // process would change.
+            process::on_exit = [self = shared_from_this()](int, const std::error_code&) {
+                asio::post(self->context_, [self] { self->exited(); });
             });
         if (failure) {
             child_.reset();
@@ -171,7 +173,7 @@ class FlashRun::Process : public std::enable_shared_from_this<FlashRun::Process>
         });
     }
 
-    void exited(const std::error_code& /*failure*/) {
+    void exited() {
         running_ = false;
         if (end_.how == FlashEnd::How::exited) {
             const system::ExitStatus status = system::exit_status(child_->native_exit_code());

@@ -52,6 +52,7 @@ struct Job {
 struct Run {
     Row row;
     RunFacts facts;
+    bool had_port = false;  ///< when it began
     FlashLines lines;
     RunLog log;
     Clock::time_point progress_told{};
@@ -217,8 +218,8 @@ class Station {
                              .silence_limit = options_.silence_limit};
         // orbix_flash takes 20 letters at most: the device behind a link is shorter.
         command.arguments.emplace_back("-p");
-        command.arguments.push_back(system::is_port(job.port) ? system::device_of(job.port)
-                                                              : job.port);
+        run.had_port = system::is_port(job.port);
+        command.arguments.push_back(run.had_port ? system::device_of(job.port) : job.port);
         std::vector<std::string> words{command.program};
         words.insert(words.end(), command.arguments.begin(), command.arguments.end());
 
@@ -293,7 +294,7 @@ class Station {
 
     void judge(Run& run, const FlashEnd& end) {
         Row& row = run.row;
-        const bool port_gone = !system::is_port(row.port);
+        const bool port_gone = run.had_port && !system::is_port(row.port);
         run.lines.end(end.unfinished, port_gone);
         row.phase = Phase::done;
         row.waiting_for.clear();
@@ -321,8 +322,10 @@ class Station {
             row.message = words_of(end) + (row.message.empty() ? "" : "; " + row.message);
         }
         explain_missing_file(run);
-        if (port_gone && (row.cause == Cause::port || row.cause == Cause::transfer)) {
-            row.message = "the port is not there; " + row.message;
+        if (port_gone && row.cause != Cause::none) {
+            row.message = "the port has vanished; " + row.message;
+        } else if (!run.had_port && row.cause == Cause::port) {
+            row.message = "there is no such port; " + row.message;
         }
         if (row.cause == Cause::none) {
             row.percent = 100;

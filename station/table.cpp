@@ -149,8 +149,8 @@ std::string totals(const std::vector<Row>& rows, const Counters& counters, std::
                                       [](const Row& row) { return row.phase == Phase::queued; });
     std::string text = std::to_string(counters.good) + " good, " + std::to_string(counters.bad) +
                        " bad, " + std::to_string(running) + " running, " + std::to_string(queued) +
-                       " waiting for their turn";
-    return hidden == 0 ? text : text + "; " + std::to_string(hidden) + " more ports not shown";
+                       " queued";
+    return hidden == 0 ? text : text + "; " + std::to_string(hidden) + " more not shown";
 }
 
 }  // namespace

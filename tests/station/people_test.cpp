@@ -50,7 +50,7 @@ TEST(Table, ShowsARowForEachPort) {
     EXPECT_TRUE(has_line(lines, "##########..........  50%   13.8   0:00"));
     EXPECT_TRUE(has_line(lines, "waiting: press reset"));
     EXPECT_TRUE(has_line(lines, "1:05 FAILED the module refused: Erase Flash failed!"));
-    EXPECT_EQ(lines.back(), "1 good, 1 bad, 2 running, 0 waiting for their turn");
+    EXPECT_EQ(lines.back(), "1 good, 1 bad, 2 running, 0 queued");
 }
 
 TEST(Table, FitsEveryTerminal) {
@@ -88,7 +88,7 @@ TEST(Table, ShowsTheFailedAndTheWaitingFirstWhenThereIsNoRoomForAll) {
     EXPECT_TRUE(has_line(lines, "port27"));
     EXPECT_FALSE(has_line(lines, "port12"));
     EXPECT_FALSE(has_line(lines, "port39"));
-    EXPECT_TRUE(has_line(lines, "23 more ports not shown"));
+    EXPECT_TRUE(has_line(lines, "23 more not shown"));
 }
 
 /// What an action writes to a file.

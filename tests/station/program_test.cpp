@@ -635,19 +635,20 @@ std::string image_file(const TempDir& folder) {
     return folder.write("app.bin", random_image(30'000));
 }
 
-Words upgrade_of(const std::string& image) {
-    return {"--", "-m", "TR52G", "-b", "115200", "-f", image, "-t", "UPG"};
+/// An RX7040 model notices soonest that its adapter has vanished.
+Words upgrade_of(const std::string& image, const std::string& model = "TR52G") {
+    return {"--", "-m", model, "-b", "115200", "-f", image, "-t", "UPG"};
 }
 
 TEST(WithModules, GoodAndFaultyOnesSideBySide) {
     const TempDir folder;
-    SimulatedModule good("TR52G", {"--instant"});
-    SimulatedModule other("TR52G", {"--instant"});
-    SimulatedModule unplugged("TR52G", {"--instant", "--faults", "unplug@12000"});
+    SimulatedModule good("MX290A", {"--instant"});
+    SimulatedModule other("MX290A", {"--instant"});
+    SimulatedModule unplugged("MX290A", {"--instant", "--faults", "unplug@12000"});
     const Finished run = run_program(
         "orbix_station",
         Words{good.port(), other.port(), unplugged.port(), "/dev/nosuchport", "--json", "-"} +
-            upgrade_of(image_file(folder)));
+            upgrade_of(image_file(folder), "MX290A"));
     EXPECT_EQ(run.status, status_of(Cause::transfer)) << run.errors;
     std::map<std::string, std::string> causes;
     for (const json& result : of_event(records_in(run.output), "result")) {
@@ -702,12 +703,12 @@ TEST(Watching, EachModuleIsFlashedOnceWhenItAppears) {
     const std::string image = image_file(folder);
     const std::string one = folder.path("port1");
     const std::string two = folder.path("port2");
-    auto first = std::make_unique<SimulatedModule>("TR52G", Words{"--instant", "--link", one});
+    auto first = std::make_unique<SimulatedModule>("MX290A", Words{"--instant", "--link", one});
     Background station("orbix_station",
                        Words{"--watch", folder.path("port*"), "--json", folder.path("records")} +
-                           upgrade_of(image));
+                           upgrade_of(image, "MX290A"));
     EXPECT_TRUE(says(station, "port1: good"));
-    SimulatedModule second("TR52G", {"--instant", "--link", two});
+    SimulatedModule second("MX290A", {"--instant", "--link", two});
     EXPECT_TRUE(says(station, "port2: good"));
 
     // Unplugged and plugged in again: another module.
@@ -716,7 +717,7 @@ TEST(Watching, EachModuleIsFlashedOnceWhenItAppears) {
     ASSERT_TRUE(comes_true([&one] { return !std::filesystem::is_symlink(one); }));
     std::this_thread::sleep_for(600ms);  // twice the station's look at the ports
     first = std::make_unique<SimulatedModule>(
-        "TR52G", Words{"--instant", "--link", one, "--faults", "unplug@12000"});
+        "MX290A", Words{"--instant", "--link", one, "--faults", "unplug@12000"});
     EXPECT_TRUE(says(station, "port1: FAILED"));
     // Long enough for a station that would flash the second one twice.
     std::this_thread::sleep_for(1s);
@@ -964,9 +965,9 @@ TEST(LiveTable, FitsASmallTerminalAndSaysWhatIsHidden) {
     EXPECT_TRUE(station.shows("P17")) << station.screen.text();
     EXPECT_TRUE(station.shows("FAILED")) << station.screen.text();
     EXPECT_TRUE(contains(station.screen.text(), "13 more")) << station.screen.text();
+    EXPECT_FALSE(station.screen.wrapped);
     std::ofstream(fake.path("release")) << "\n";
     EXPECT_EQ(station.finish(), status_of(Cause::no_result));
-    EXPECT_FALSE(station.screen.wrapped);
 }
 
 TEST(LiveTable, CtrlCReachesTheStationAloneAndTheCursorComesBack) {
