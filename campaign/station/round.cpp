@@ -167,7 +167,8 @@ std::string fixed(double number) {
 struct Post {
     const Place* place;
     std::vector<ServedModule> module;  ///< one, or none
-    std::string port;
+    std::string port;    ///< a link, which goes with the module: a device's name is given to others
+    std::string device;  ///< what it leads to
     int held_port = -1;
     bool killed = false;
 };
@@ -184,7 +185,7 @@ int hold_port(const std::string& port) {
 std::vector<Post> set_up(const Plan& plan, std::uint64_t seed) {
     std::vector<Post> posts;
     for (const Place& place : plan.places) {
-        Post post{.place = &place, .module = {}, .port = {}};
+        Post post{.place = &place, .module = {}, .port = {}, .device = {}};
         if (place.kind == Kind::absent) {
             post.port = "/dev/ttyNone" + std::to_string(posts.size());
         } else {
@@ -192,11 +193,15 @@ std::vector<Post> set_up(const Plan& plan, std::uint64_t seed) {
             sim::PtySettings settings;
             settings.faults = place.faults;
             settings.seed = seed + posts.size();
+            settings.link =
+                std::filesystem::current_path() / ("port" + std::to_string(posts.size()));
             post.module.emplace_back(plan.scenario->make(draw), settings);
-            post.port = post.module.back().port();
+            post.port = settings.link;
+            std::error_code gone;
+            post.device = std::filesystem::read_symlink(post.port, gone);
         }
         if (place.kind == Kind::busy) {
-            post.held_port = hold_port(post.port);
+            post.held_port = hold_port(post.device);
         }
         posts.push_back(std::move(post));
     }
@@ -210,7 +215,7 @@ std::string put_flash_program(const std::vector<Post>& posts, const std::string&
     script << "#!/bin/sh\ncase \" $* \" in\n";
     for (const Post& post : posts) {
         if (post.place->kind == Kind::impostor) {
-            script << "*' -p " << post.port << " '*) " << impostors.at(post.place->impostor)
+            script << "*' -p " << post.device << " '*) " << impostors.at(post.place->impostor)
                    << "; exit;;\n";
         }
     }
@@ -255,7 +260,7 @@ void kill_when_due(Post& post, const StationProcess& station, Clock::time_point 
         return;
     }
     for (const pid_t child : children_of(station.process())) {
-        if ((command_of(child) + " ").find(" -p " + post.port + " ") != std::string::npos) {
+        if ((command_of(child) + " ").find(" -p " + post.device + " ") != std::string::npos) {
             post.killed = kill(child, SIGKILL) == 0;
         }
     }

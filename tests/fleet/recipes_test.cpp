@@ -53,7 +53,10 @@ class Place {
         folder_.write("app.bin", image_);
         std::string ports;
         for (const std::string& fault : faults) {
-            std::vector<std::string> options{"--dump", dump_of(modules_.size())};
+            // A link, for the name of a device that has gone is given to others.
+            const std::string number = std::to_string(modules_.size());
+            std::vector<std::string> options{"--dump", dump_of(modules_.size()), "--link",
+                                             folder_.path("port" + number)};
             if (!fault.empty()) {
                 options.insert(options.end(), {"--faults", fault});
             }
