@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <deque>
@@ -57,6 +58,13 @@ struct Run {
     RunLog log;
     Clock::time_point progress_told{};
     std::unique_ptr<FlashRun> process;
+};
+
+/// A run that is tried again after a moment.
+struct Pause {
+    std::shared_ptr<asio::steady_timer> timer;
+    Row row;  ///< as the last attempt has left it
+    RunFacts facts;
 };
 
 /// A port of the production mode.
@@ -223,11 +231,26 @@ class Station {
         std::vector<std::string> words{command.program};
         words.insert(words.end(), command.arguments.begin(), command.arguments.end());
 
+        keep([&] { records_.start(run.row, run.facts, words); });
+        if (ending_) {
+            conclude_unstarted(job, Cause::internal);  // there is no room for its log or records
+            return;
+        }
         running_[job.port] = std::move(owner);
         publish(run.row);
-        keep([&] { records_.start(run.row, run.facts, words); });
         keep([&] { records_.phase(run.row); });
         tell([&](PlainLines& lines) { lines.started(run.row); });
+        try {
+            start_process(run, command);
+        } catch (const std::exception& error) {
+            FlashEnd end;
+            end.how = FlashEnd::How::not_started;
+            end.error = error.what();
+            asio::post(context_, [this, port = job.port, end] { finish(port, end); });
+        }
+    }
+
+    void start_process(Run& run, const FlashCommand& command) {
         run.process = std::make_unique<FlashRun>(
             context_, command,
             FlashListener{
@@ -244,7 +267,7 @@ class Station {
                         follow(run, line);
                     },
                 .on_taken = [this, &run] { show(run); },
-                .on_end = [this, port = job.port](const FlashEnd& end) { finish(port, end); },
+                .on_end = [this, port = run.row.port](const FlashEnd& end) { finish(port, end); },
             });
     }
 
@@ -364,7 +387,7 @@ class Station {
             is_worth_another_attempt(run.row.cause)) {
             try_again(run);
         } else {
-            conclude_run(run);
+            conclude_run(run.row, run.facts);
             if (port_gone) {
                 forget(port);
             }
@@ -380,7 +403,7 @@ class Station {
         publish(row);
         const Job job{.port = run.row.port, .attempt = run.row.attempt + 1};
         auto pause = std::make_shared<asio::steady_timer>(context_, retry_pause);
-        pauses_[job.port] = {pause, run.row};
+        pauses_[job.port] = {.timer = pause, .row = run.row, .facts = run.facts};
         pause->async_wait([this, job, pause](const error_code& cancelled) {
             if (!cancelled && pauses_.erase(job.port) != 0) {
                 queue_.push_front(job);
@@ -389,8 +412,7 @@ class Station {
         });
     }
 
-    void conclude_run(const Run& run) {
-        const Row& row = run.row;
+    void conclude_run(const Row& row, const RunFacts& facts) {
         publish(row);
         board_.count(row.cause == Cause::none);
         ++(row.cause == Cause::none ? counters_.good : counters_.bad);
@@ -398,39 +420,43 @@ class Station {
         if (row.cause != Cause::none) {
             failed_.push_back(row);
         }
-        keep([&] { records_.result(row, run.facts); });
+        keep([&] { records_.result(row, facts); });
         tell([&](PlainLines& lines) { lines.result(row); });
+    }
+
+    /// No more attempts: the last one counts.
+    void give_up_pause(const std::string& port) {
+        const auto pause = pauses_.extract(port);
+        if (!pause.empty()) {
+            pause.mapped().timer->cancel();
+            conclude_run(pause.mapped().row, pause.mapped().facts);
+        }
+    }
+
+    void conclude_unstarted(const Job& job, Cause cause) {
+        Row row;
+        row.port = job.port;
+        row.model = options_.flash.model;
+        row.phase = Phase::done;
+        row.attempt = job.attempt - 1;
+        row.cause = cause;
+        row.message = "not started";
+        RunFacts facts;
+        facts.firmware = firmware_files(options_.flash);
+        conclude_run(row, facts);
     }
 
     /// Those that have not had their turn get none.
     void give_up_queue(Cause cause) {
-        for (auto& [port, paused] : pauses_) {
-            paused.first->cancel();
-            Run run;
-            run.row = paused.second;  // with the cause of its last attempt
-            conclude_run(run);
+        while (!pauses_.empty()) {
+            give_up_pause(std::string(pauses_.begin()->first));
         }
-        pauses_.clear();
         for (const Job& job : std::exchange(queue_, {})) {
-            Run run;
-            run.row.port = job.port;
-            run.row.model = options_.flash.model;
-            run.row.phase = Phase::done;
-            run.row.attempt = job.attempt - 1;
-            run.row.cause = cause;
-            run.row.message = "not started";
-            run.facts.firmware = firmware_files(options_.flash);
-            conclude_run(run);
+            conclude_unstarted(job, cause);
         }
     }
 
     // --- production mode -------------------------------------------------------------------------
-
-    bool is_busy(const std::string& port) const {
-        return running_.contains(port) || pauses_.contains(port) ||
-               std::any_of(queue_.begin(), queue_.end(),
-                           [&port](const Job& job) { return job.port == port; });
-    }
 
     void forget(const std::string& port) {
         watched_.erase(port);
@@ -439,7 +465,8 @@ class Station {
 
     void mark_gone(const std::string& port, WatchedPort& watched) {
         std::erase_if(queue_, [&port](const Job& job) { return job.port == port; });
-        if (is_busy(port)) {
+        give_up_pause(port);
+        if (running_.contains(port)) {
             watched.gone = true;
         } else {
             forget(port);
@@ -512,10 +539,11 @@ class Station {
         });
     }
 
-    /// The first request lets the running ones finish, the second ends them.
+    /// The first request lets the running ones finish, the second ends them. A terminal that has
+    /// gone is never more than a first request: it may say so twice, and a module would suffer.
     void take_signal(int number) {
-        const bool at_once = stop_requested_ || system::is_hangup(number);
-        if (!stop_requested_ && !at_once) {
+        const bool at_once = stop_requested_ && !system::is_hangup(number);
+        if (!stop_requested_) {
             note(running_.empty() ? "stopping"
                                   : "the running ones finish, no more are started; once more "
                                     "ends them at once");
@@ -525,7 +553,9 @@ class Station {
         give_up_queue(Cause::stopped);
         if (at_once) {
             for (const auto& [port, run] : running_) {
-                run->process->stop();
+                if (run->process) {
+                    run->process->stop();
+                }
             }
         }
         end_when_done();
@@ -578,7 +608,7 @@ class Station {
 
     std::deque<Job> queue_;
     std::map<std::string, std::unique_ptr<Run>> running_;
-    std::map<std::string, std::pair<std::shared_ptr<asio::steady_timer>, Row>> pauses_;
+    std::map<std::string, Pause> pauses_;
     std::map<std::string, WatchedPort> watched_;
     std::vector<Row> failed_;
     Counters counters_;

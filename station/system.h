@@ -62,7 +62,7 @@ std::vector<std::string> search_folders();
 std::string program_name(const std::string& name);
 
 /// Called once at the start: whatever is started from now on ends with this process, also when
-/// this process is killed.
+/// this process is killed; and this process does not end because nobody reads its output.
 void bind_children();
 
 /// Called in a child between fork and exec (nowhere else, and not on Windows): has it killed when

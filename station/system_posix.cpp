@@ -99,7 +99,10 @@ std::string program_name(const std::string& name) {
     return name;
 }
 
-void bind_children() {}
+void bind_children() {
+    // The children see to it themselves, in end_with_parent.
+    std::signal(SIGPIPE, SIG_IGN);
+}
 
 void end_with_parent(int parent) noexcept {
     prctl(PR_SET_PDEATHSIG, static_cast<unsigned long>(SIGKILL), 0UL, 0UL, 0UL);
