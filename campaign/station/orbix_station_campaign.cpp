@@ -45,6 +45,7 @@ struct Tally {
     std::atomic<std::uint64_t> records;
     std::atomic<std::uint64_t> page_events;
     std::atomic<std::uint64_t> flashed_but_failed;
+    std::atomic<std::uint64_t> doubtful;
 };
 
 void print_help(std::FILE* out) {
@@ -80,6 +81,7 @@ void count(const RoundReport& report, Tally& tally) {
     tally.records += report.records;
     tally.page_events += report.page_events;
     tally.flashed_but_failed += report.flashed_but_failed;
+    tally.doubtful += report.doubtful;
 }
 
 /// One round in a process and a folder of its own. Returns its exit status.
@@ -205,18 +207,20 @@ int main(int argc, char** argv) {
     const auto begun = std::chrono::steady_clock::now();
     const std::uint64_t violated = run_all(options, tally);
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begun;
-    std::printf(
-        "%llu rounds in %.0f s, seeds %llu to %llu: %llu good and %llu bad in %llu attempts, "
-        "%llu records, %llu events of the page; %llu flashed, but the last answer was lost; "
-        "%llu rounds with a violation\n",
-        static_cast<unsigned long long>(options.runs), taken.count(),
-        static_cast<unsigned long long>(options.seed),
-        static_cast<unsigned long long>(options.seed + options.runs - 1),
-        static_cast<unsigned long long>(tally.good), static_cast<unsigned long long>(tally.bad),
-        static_cast<unsigned long long>(tally.attempts),
-        static_cast<unsigned long long>(tally.records),
-        static_cast<unsigned long long>(tally.page_events),
-        static_cast<unsigned long long>(tally.flashed_but_failed),
-        static_cast<unsigned long long>(violated));
+    const auto show = [](const std::atomic<std::uint64_t>& number, const char* what) {
+        std::printf("%8llu %s\n", static_cast<unsigned long long>(number), what);
+    };
+    show(tally.good, "good results");
+    show(tally.bad, "bad results");
+    show(tally.attempts, "attempts");
+    show(tally.records, "records");
+    show(tally.page_events, "events of the page");
+    show(tally.flashed_but_failed, "flashed, but the answer to the last step was lost");
+    show(tally.doubtful, "told as good with an ERROR line beside it, and not flashed");
+    std::printf("%llu rounds in %.0f s, seeds %llu to %llu: %llu with a violation\n",
+                static_cast<unsigned long long>(options.runs), taken.count(),
+                static_cast<unsigned long long>(options.seed),
+                static_cast<unsigned long long>(options.seed + options.runs - 1),
+                static_cast<unsigned long long>(violated));
     return violated == 0 ? 0 : 1;
 }

@@ -8,7 +8,9 @@ import pathlib
 import subprocess
 
 import pytest
-from labgrid import Environment
+from labgrid import Environment, Target
+from labgrid.exceptions import NoSupplierFoundError
+from labgrid.resource import NetworkSerialPort
 
 ROOT = pathlib.Path(__file__).parents[2]
 PROGRAMS = pathlib.Path(os.environ["ORBIX_BIN_DIR"])
@@ -113,3 +115,12 @@ def test_console_gives_way_to_the_station_and_comes_back(start, target):
     assert station.flash("firmware")["result"] == "success"
     target.activate(console)
     assert console.serial.is_open
+
+
+def test_port_on_the_network_is_declined(start, target):
+    start()
+    driver = type(target.get_driver("OrbixStationDriver"))
+    remote = Target("remote")
+    NetworkSerialPort(remote, None, host="bench1", port=4000)
+    with pytest.raises(NoSupplierFoundError):
+        driver(remote, None, arguments=["-m", "TR52G"])

@@ -232,6 +232,11 @@ TEST(GnuParallel, JobLogTellsHowEachOfEightModulesCameOut) {
         << all(failures);
     EXPECT_NE(failures.output.find(place.port(5) + "\ttransfer\t"), std::string::npos);
     EXPECT_EQ(std::count(failures.output.begin(), failures.output.end(), '\n'), 2);
+    EXPECT_EQ(place.run(recipe("count")).output, "{\"none\":6,\"refused\":1,\"transfer\":1}\n");
+    const std::string table = place.run(recipe("table")).output;
+    EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 8) << table;
+    EXPECT_NE(table.find("\"" + place.port(2) + "\",\"TR52G\",\""), std::string::npos) << table;
+    EXPECT_EQ(all(place.run(recipe("doubtful"))), "");
     const Finished again = place.run(recipe("again"));
     EXPECT_EQ(again.status, 1) << all(again);
     const auto jobs_again = read_job_log(place.path("jobs.log"), place, 8);
@@ -279,6 +284,7 @@ TEST(GnuParallel, EachPortIsFlashedOnTheHostThatHasIt) {
         const Json* const result = result_of(records, place.port(number));
         ASSERT_NE(result, nullptr);
         EXPECT_EQ((*result)["cause"], cause);
+        EXPECT_TRUE((*result)["log"].get<std::string>().starts_with("logs-" + job.host + "/"));
         EXPECT_EQ(place.stop(number), number != 1);
     }
 }
