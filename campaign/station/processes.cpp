@@ -129,11 +129,9 @@ StationProcess::StationProcess(const std::string& program,
                                const std::vector<std::string>& arguments) {
     std::vector<std::string> words{program};
     words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
+    std::vector<char*> argv(words.size() + 1, nullptr);
+    std::transform(words.begin(), words.end(), argv.begin(),
+                   [](std::string& word) { return word.data(); });
     process_ = fork();
     if (process_ == 0) {
         settle_child(SIGKILL);

@@ -210,7 +210,7 @@ std::vector<Post> set_up(const Plan& plan, std::uint64_t seed) {
 
 /// The program that the station starts: orbix_flash, but for the impostors' ports.
 std::string put_flash_program(const std::vector<Post>& posts, const std::string& flash) {
-    const std::string path = std::filesystem::current_path() / "flash";
+    std::string path = std::filesystem::current_path() / "flash";
     std::ofstream script(path);
     script << "#!/bin/sh\ncase \" $* \" in\n";
     for (const Post& post : posts) {
@@ -274,7 +274,7 @@ void check_place(const Plan& plan, Post& post, const Json& result, bool holds, F
     const bool success = result["result"] == "success";
     // A few families say SUCCESS where nothing was flashed; the station tells the ERROR line beside
     // it.
-    const bool doubtful = success && result["message"] != "";
+    const bool doubtful = success && !result["message"].get<std::string>().empty();
     const auto expect_failure = [&](std::string_view cause) {
         if (!doubtful && (result["cause"] != cause || result["attempts"] != plan.retries + 1)) {
             add("expected " + std::string(cause) + " after all attempts");
@@ -368,10 +368,9 @@ RoundReport run_round(std::uint64_t seed, const Programs& programs) {
     put_file("garbage", Draw(seed).bytes(20'000));
     std::filesystem::create_directory(log_folder);
     std::vector<Post> posts = set_up(plan, seed);
-    std::vector<std::string> ports;
-    for (const Post& post : posts) {
-        ports.push_back(post.port);
-    }
+    std::vector<std::string> ports(posts.size());
+    std::transform(posts.begin(), posts.end(), ports.begin(),
+                   [](const Post& post) { return post.port; });
 
     StationProcess station(
         programs.station, station_arguments(plan, posts, put_flash_program(posts, programs.flash)));

@@ -26,6 +26,15 @@ constexpr std::uint32_t image_offset = 0x9000;
 /// About 15 seconds at 115200 baud; the silent module takes 20.
 constexpr std::size_t image_size = 160'000;
 
+/// The sanitizers' own work is no measure of the station's.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool sanitized = true;
+#elif defined(__has_feature)
+constexpr bool sanitized = __has_feature(address_sanitizer);
+#else
+constexpr bool sanitized = false;
+#endif
+
 /// The places of the three faulty modules, what is wrong with them, and what must come of it.
 struct Faulty {
     std::size_t place;
@@ -159,8 +168,9 @@ TEST(ThirtyTwoModules, GoodOnesAreFlashedAndFaultyOnesAreNamed) {
     }
     state.check(records);
     EXPECT_EQ(end.status, status_of("transfer"));
-    EXPECT_LT(end.processor_seconds / seconds, 0.05);
-    RecordProperty("processor_share", std::to_string(end.processor_seconds / seconds));
+    if (!sanitized) {
+        EXPECT_LT(end.processor_seconds / seconds, 0.05);
+    }
     std::printf("%.1f s, %.2f s of a processor: %.1f %%\n", seconds, end.processor_seconds,
                 100 * end.processor_seconds / seconds);
 
