@@ -21,8 +21,9 @@ void Board::write(const std::string& port, const std::function<void(Row&)>& chan
 
 void Board::remove(const std::string& port) {
     const std::scoped_lock lock(mutex_);
-    if (rows_.erase(port) == 0)
+    if (rows_.erase(port) == 0) {
         return;
+    }
     ++version_;
     changed_.notify_all();
 }
@@ -56,8 +57,9 @@ Changes Board::changes_since_locked(std::uint64_t version) const {
         .version = version_, .counters = counters_, .rows = {}, .ports = {}, .closed = closed_};
     for (const auto& [port, row] : rows_) {
         changes.ports.push_back(port);
-        if (row.version > version)
+        if (row.version > version) {
             changes.rows.push_back(row);
+        }
     }
     return changes;
 }

@@ -210,6 +210,7 @@ std::vector<HashedFile> firmware_files(const FlashArguments& arguments) {
         }
     }
     std::vector<HashedFile> files;
+    files.reserve(paths.size());
     for (const std::string& path : paths) {
         files.push_back(hashed(path));
     }

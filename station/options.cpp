@@ -69,7 +69,7 @@ std::string find_flash_program(const std::string& wanted) {
         return path.string();
     }
     const std::string name = system::program_name("orbix_flash");
-    const std::string beside = system::own_folder() + name;
+    std::string beside = system::own_folder() + name;
     if (fs::is_regular_file(beside, failure)) {
         return beside;
     }

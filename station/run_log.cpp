@@ -37,7 +37,8 @@ RunLog::RunLog(const std::string& folder, const std::string& port, int attempt) 
     path_ = start + end;
     file_ = system::create_file(path_);
     for (int number = 2; file_ == nullptr && errno == EEXIST && number <= most_tries; ++number) {
-        path_ = start + "again" + std::to_string(number) + "-" + end;
+        path_ = start;
+        path_ += "again" + std::to_string(number) + "-" + end;
         file_ = system::create_file(path_);
     }
     if (file_ == nullptr) {
