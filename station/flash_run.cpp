@@ -34,9 +34,19 @@ constexpr milliseconds patience{2000};
 /// grandchild holds them.
 constexpr milliseconds last_words{300};
 
-/// In the child, before it becomes the program.
+/// Windows' CREATE_NEW_PROCESS_GROUP: a Ctrl-C for the station does not reach its runs.
+constexpr unsigned long new_process_group = 0x200;
+
+/// What a child is started with, and what it does before it becomes the program.
 struct EndsWithParent : process::extend::handler {
     int parent = system::process_id();
+
+    template <typename Executor>
+    void on_setup(Executor& executor) const {
+        if constexpr (requires { executor.creation_flags; }) {
+            executor.creation_flags |= new_process_group;
+        }
+    }
 
     template <typename Executor>
     void on_exec_setup(Executor& /*executor*/) const {

@@ -24,6 +24,7 @@ function resultOf(row, state) {
 
 function noteOf(row, state) {
   if (state === 'waiting') return `Waiting: ${row.waiting_for}`;
+  if (state === 'good' && row.message) return `But: ${row.message}`;
   if (state !== 'bad') return '';
   return row.message ? `${row.cause_words}: ${row.message}` : row.cause_words;
 }

@@ -4,7 +4,7 @@ namespace orbix::station {
 
 namespace {
 
-constexpr int format_version = 1;
+constexpr int schema = 1;
 
 double seconds_of(const Row& row, Clock::time_point now) {
     const bool running = row.phase != Phase::queued && row.phase != Phase::done;
@@ -36,7 +36,7 @@ nlohmann::json changes_json(const Changes& changes, Clock::time_point now) {
     for (const Row& row : changes.rows) {
         rows.push_back(row_json(row, now));
     }
-    return {{"format", format_version},    {"good", changes.counters.good},
+    return {{"schema", schema},    {"good", changes.counters.good},
             {"bad", changes.counters.bad}, {"ended", changes.closed},
             {"ports", changes.ports},      {"rows", std::move(rows)}};
 }

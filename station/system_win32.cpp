@@ -1,6 +1,11 @@
+#include <fcntl.h>
 #include <io.h>
+#include <shlwapi.h>
+#include <sys/stat.h>
 #include <windows.h>
 
+#include <algorithm>
+#include <array>
 #include <cctype>
 #include <csignal>
 #include <cstdlib>
@@ -12,37 +17,49 @@ namespace orbix::station::system {
 
 namespace {
 
-/// "\\.\COM6", "com6" and "COM6" are one port.
-std::string plain_name(const std::string& port) {
-    std::string name = port.starts_with("\\\\.\\") ? port.substr(4) : port;
-    for (char& letter : name) {
-        letter = static_cast<char>(std::toupper(static_cast<unsigned char>(letter)));
-    }
-    return name;
+constexpr std::string_view device_prefix = "\\\\.\\";
+
+/// What a DOS device name stands for, or empty.
+std::string target_of(const std::string& device) {
+    std::array<char, 1024> target{};
+    const DWORD length =
+        QueryDosDeviceA(device.c_str(), target.data(), static_cast<DWORD>(target.size()));
+    return length == 0 ? std::string() : std::string(target.data());
 }
 
-/// '*' stands for any letters, '?' for one.
-bool matches(const char* name, const char* pattern) {
-    if (*pattern == '*') {
-        return matches(name, pattern + 1) || (*name != '\0' && matches(name + 1, pattern));
+/// All DOS device names: they come one behind the other, each with a zero at its end.
+std::vector<std::string> device_names() {
+    std::vector<char> list(65536);
+    DWORD length = 0;
+    while ((length = QueryDosDeviceA(nullptr, list.data(), static_cast<DWORD>(list.size()))) == 0 &&
+           GetLastError() == ERROR_INSUFFICIENT_BUFFER) {
+        list.resize(2 * list.size());
     }
-    if (*pattern == '\0' || *name == '\0') {
-        return *pattern == *name;
+    std::vector<std::string> names;
+    for (const char* name = list.data(); length != 0 && *name != '\0';
+         name += names.back().size() + 1) {
+        names.emplace_back(name);
     }
-    return (*pattern == '?' || *pattern == *name) && matches(name + 1, pattern + 1);
+    return names;
 }
 
-std::FILE* open_text(const std::string& path, const char* mode) {
-    // 'N': children do not inherit it.
-    return std::fopen(path.c_str(), (std::string(mode) + "N").c_str());
+/// COM2 stands before COM10.
+bool is_before(const std::string& one, const std::string& other) {
+    return one.size() != other.size() ? one.size() < other.size() : one < other;
+}
+
+std::FILE* open_file(const std::string& path, int flags, const char* mode) {
+    const int descriptor =
+        _open(path.c_str(), _O_WRONLY | _O_CREAT | _O_BINARY | _O_NOINHERIT | flags,
+              _S_IREAD | _S_IWRITE);
+    return descriptor < 0 ? nullptr : _fdopen(descriptor, mode);
 }
 
 }  // namespace
 
 std::optional<TerminalSize> terminal_size() {
     CONSOLE_SCREEN_BUFFER_INFO info{};
-    const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
-    if (GetConsoleScreenBufferInfo(output, &info) == 0) {
+    if (!GetConsoleScreenBufferInfo(GetStdHandle(STD_OUTPUT_HANDLE), &info)) {
         return std::nullopt;
     }
     return TerminalSize{
@@ -53,56 +70,56 @@ std::optional<TerminalSize> terminal_size() {
 void prepare_terminal() {
     const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
     DWORD mode = 0;
-    if (GetConsoleMode(output, &mode) != 0) {
+    if (GetConsoleMode(output, &mode)) {
         SetConsoleMode(output, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
     }
     SetConsoleOutputCP(CP_UTF8);
 }
 
 std::string device_of(const std::string& port) {
-    return plain_name(port);
+    std::string device = port.starts_with(device_prefix) ? port.substr(device_prefix.size()) : port;
+    std::transform(device.begin(), device.end(), device.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::toupper(letter)); });
+    return device;
 }
 
 bool is_port(const std::string& port) {
-    char target[256];
-    return QueryDosDeviceA(plain_name(port).c_str(), target, sizeof target) != 0;
+    return !target_of(device_of(port)).empty();
 }
 
+/// Opening it would tell more, but a port that is opened moves its lines.
 bool is_usable_port(const std::string& port) {
     return is_port(port);
 }
 
 std::string identity_of(const std::string& port) {
-    char target[256];
-    return QueryDosDeviceA(plain_name(port).c_str(), target, sizeof target) != 0 ? target : "";
+    return target_of(device_of(port));
 }
 
 std::vector<std::string> matching_ports(const std::string& pattern) {
-    const std::string wanted = plain_name(pattern);
     std::vector<std::string> ports;
-    for (int number = 1; number <= 256; ++number) {
-        const std::string name = "COM" + std::to_string(number);
-        if (matches(name.c_str(), wanted.c_str()) && is_port(name)) {
+    for (const std::string& name : device_names()) {
+        if (name.starts_with("COM") && PathMatchSpecA(name.c_str(), device_of(pattern).c_str())) {
             ports.push_back(name);
         }
     }
+    std::sort(ports.begin(), ports.end(), is_before);
     return ports;
 }
 
 std::FILE* create_file(const std::string& path) {
-    return open_text(path, "wbx");
+    return open_file(path, _O_EXCL, "wb");
 }
 
 std::FILE* append_to_file(const std::string& path) {
-    return open_text(path, "ab");
+    return open_file(path, _O_APPEND, "ab");
 }
 
 std::string own_folder() {
-    char path[MAX_PATH];
-    const DWORD length = GetModuleFileNameA(nullptr, path, sizeof path);
-    const std::string program(path, length < sizeof path ? length : 0);
-    const std::size_t end = program.find_last_of("\\/");
-    return end == std::string::npos ? std::string() : program.substr(0, end + 1);
+    std::array<char, 32768> path{};
+    const DWORD length = GetModuleFileNameA(nullptr, path.data(), static_cast<DWORD>(path.size()));
+    const std::string program(path.data(), length);
+    return program.substr(0, program.find_last_of("\\/") + 1);
 }
 
 std::vector<std::string> search_folders() {
@@ -122,7 +139,8 @@ std::string program_name(const std::string& name) {
 }
 
 void bind_children() {
-    // The job ends with its last handle, which only this process has; children are born into it.
+    // All that this process starts belongs to its job. The job ends with its last handle, which is
+    // this process's: it is left to the system on purpose.
     const HANDLE job = CreateJobObjectA(nullptr, nullptr);
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
     limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
@@ -152,12 +170,13 @@ std::vector<int> end_signals() {
     return {SIGINT, SIGTERM, SIGBREAK};
 }
 
+/// The window was closed, or somebody pressed Ctrl-Break.
 bool is_hangup(int signal_number) {
     return signal_number == SIGBREAK;
 }
 
 void ask_to_end(int process) {
-    // A console program without a window has no polite way to be asked.
+    // There is no polite way that does not reach the whole console; the system gives the port back.
     end_group(process);
 }
 

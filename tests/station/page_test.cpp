@@ -301,7 +301,7 @@ TEST(Page, LeavesTheSignalOfClosedPipesAsItWas) {
 TEST(Page, StateIsAllThatTheBoardHolds) {
     Board board;
     const Page page(board, any_port);
-    EXPECT_EQ(state_of(page.port()), json({{"format", 1},
+    EXPECT_EQ(state_of(page.port()), json({{"schema", 1},
                                            {"good", 0},
                                            {"bad", 0},
                                            {"ended", false},

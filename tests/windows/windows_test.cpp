@@ -1,9 +1,7 @@
 // The Windows program under Wine: its lines are those of the Linux program for the same run.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <regex>
@@ -12,6 +10,7 @@
 #include "cli/process.h"
 #include "cyfm_package.h"
 #include "run/harness.h"
+#include "windows/wine.h"
 
 namespace orbix::test {
 namespace {
@@ -20,37 +19,8 @@ using Lines = std::vector<std::string>;
 
 constexpr const char* fast = "921600";
 
-std::string find_wine() {
-    for (const char* path : {"/usr/bin/wine", "/usr/lib/wine/wine64"}) {
-        if (access(path, X_OK) == 0) {
-            return path;
-        }
-    }
-    return "/usr/bin/wine";
-}
-
-/// A COM port of the Windows side, connected to a simulated module.
-class ComPort {
-  public:
-    ComPort(const std::string& name, const std::string& device)
-        : link_(std::filesystem::path(std::getenv("WINEPREFIX")) / "dosdevices" / name) {
-        std::filesystem::remove(link_);
-        std::filesystem::create_symlink(device, link_);
-    }
-    ~ComPort() {
-        std::error_code ignored;
-        std::filesystem::remove(link_, ignored);
-    }
-    ComPort(const ComPort&) = delete;
-    ComPort& operator=(const ComPort&) = delete;
-
-  private:
-    std::filesystem::path link_;
-};
-
-Finished run_on_windows(std::vector<std::string> arguments, const std::string& folder = "") {
-    arguments.insert(arguments.begin(), ORBIX_WINDOWS_EXE);
-    return run_program(find_wine(), arguments, folder);
+Finished run_on_windows(const std::vector<std::string>& arguments, const std::string& folder = "") {
+    return run_program(find_wine(), on_wine("orbix_flash", arguments), folder);
 }
 
 /// Lines without what must differ between two runs: times, rates, the build's date, the program's
