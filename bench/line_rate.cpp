@@ -1,62 +1,66 @@
 // How close a run comes to what its line allows.
 //
-// Each benchmark is one run of the built orbix_flash against orbix_sim on a pseudo-terminal whose
-// bytes take their time in both directions. The bound is the same run in virtual time: the bytes on
-// the line at 10 bit times each, the stated pauses and the module's own times, and nothing else.
+// Each benchmark is a transfer by the built orbix_flash over pseudo-terminals whose bytes take
+// their time in both directions, to one simulated module or to several side by side. The bound is
+// the same run in virtual time: the bytes on the line at 10 bit times each (11 with parity), the
+// stated pauses and the module's own times, and nothing else. Where another program holds the same
+// dialogue, it does the same transfer over the same line, in turns with the tool.
 #include <benchmark/benchmark.h>
 
-#include <chrono>
-#include <functional>
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <map>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "catalogue.h"
 #include "cli/process.h"
-#include "temp_dir.h"
+#include "measured.h"
+#include "peers.h"
 #include "tool_run.h"
+#include "transfers.h"
 
-namespace orbix {
+namespace orbix::bench {
 namespace {
 
-using Arguments = std::vector<std::string>;
+/// What must hold. Between the two rates the looser one does.
+constexpr unsigned slow_rate = 115200;
+constexpr double most_over_bound_slow = 0.01;
+constexpr double most_over_bound = 0.03;
+constexpr std::size_t station_size = 32;  ///< modules side by side
+constexpr double most_loss_in_station = 0.02;
 
-/// A transfer: the model, and the arguments behind its port for a rate.
-struct Transfer {
-    std::string name;
-    std::string model;
-    bool starts_at_rate;  ///< the module listens at the benchmark's rate from the start
-    std::function<Arguments(const sim::TempDir& folder, const std::string& rate)> prepare;
+/// Tool and peer take turns this often; the middle one of each counts. Two runs of one program
+/// differ by up to half a per cent.
+constexpr std::size_t turns = 3;
+constexpr double most_ratio = 1.005;
+
+/// One way of running a transfer.
+struct Case {
+    const Transfer* transfer;
+    unsigned rate;
+    std::size_t modules;
 };
 
-constexpr std::size_t image_size = 1'048'576;
+/// Seconds of a run with nothing but what the dialogue and the line ask for.
+struct Bound {
+    double all;
+    double line;   ///< the bytes of both directions
+    double delay;  ///< how long the module let its answers wait
+};
 
-/// A package of one image of 1 MiB, and an agent.
-void write_package(const sim::TempDir& folder, std::size_t agent_size) {
-    std::filesystem::create_directory(folder.path("fw"));
-    folder.write("fw/app.bin", sim::random_image(image_size));
-    folder.write("fw/flash_download.cfg",
-                 std::string("rom:\n    file: app.bin\n    begin_address: 0x08013000\n"));
-    folder.write("agent.bin", sim::random_image(agent_size));
-}
+/// Files and arguments of a transfer at a rate.
+struct Prepared {
+    Prepared(const Transfer& transfer, unsigned rate)
+        : size(image_size(transfer, rate)), arguments(transfer.prepare(folder, rate, size)) {}
 
-const std::vector<Transfer> transfers{
-    {"Ag3352Upgrade", "TR52G", true,
-     [](const sim::TempDir& folder, const std::string& rate) -> Arguments {
-         return {"-b", rate, "-f", folder.write("app.bin", sim::random_image(image_size)),
-                 "-t", "UPG"};
-     }},
-    {"Ag3352Download", "TR52G", false,
-     [](const sim::TempDir& folder, const std::string& rate) -> Arguments {
-         write_package(folder, 43956);
-         return {"-b", rate, "-d", folder.path("fw"), "-s", folder.path("agent.bin"), "-t", "DL"};
-     }},
-    {"Ag3335Upgrade", "TR40XBA", false,
-     [](const sim::TempDir& folder, const std::string& rate) -> Arguments {
-         write_package(folder, 30000);
-         return {"-b", "115200",          "-l", rate,
-                 "-d", folder.path("fw"), "-s", folder.path("agent.bin")};
-     }},
+    sim::TempDir folder;
+    std::size_t size;
+    Arguments arguments;
 };
 
 Arguments with_port(const Transfer& transfer, const std::string& port, const Arguments& more) {
@@ -65,9 +69,9 @@ Arguments with_port(const Transfer& transfer, const std::string& port, const Arg
     return arguments;
 }
 
-/// Seconds that the run takes in virtual time.
-double bound_of(const Transfer& transfer, unsigned rate, const Arguments& arguments) {
+Bound bound_of(const Transfer& transfer, unsigned rate, const Arguments& arguments) {
     const std::unique_ptr<sim::Model> model = sim::make_model(transfer.model);
+    model->even_parity = transfer.even_parity;
     if (transfer.starts_at_rate) {
         model->start_baud = rate;
     }
@@ -75,76 +79,277 @@ double bound_of(const Transfer& transfer, unsigned rate, const Arguments& argume
     conditions.traced = false;
     conditions.packet = 64;  // as orbix_sim hands on what the module says
     const sim::ToolRun run(*model, with_port(transfer, "COM6", arguments), conditions);
-    return static_cast<double>(run.duration_ms) / 1000;
+    return {.all = static_cast<double>(run.duration_ms) / 1e3,
+            .line = static_cast<double>(run.line_busy) / 1e6,
+            .delay = static_cast<double>(run.module_busy) / 1e6};
 }
 
-void run_transfer(benchmark::State& state, const Transfer& transfer, unsigned rate,
-                  std::size_t modules) {
-    const sim::TempDir folder;
-    const Arguments arguments = transfer.prepare(folder, std::to_string(rate));
-    const double bound = bound_of(transfer, rate, arguments);
-    Arguments simulator{"--pace"};
-    if (transfer.starts_at_rate) {
-        simulator.insert(simulator.end(), {"--rate", std::to_string(rate)});
+/// orbix_sim with the modules of a case; its lines have the rate of the terminals.
+class Station {
+  public:
+    explicit Station(const Case& run) : simulator_("orbix_sim", options(run)) {
+        for (std::size_t count = 0; count < run.modules; ++count) {
+            ports_.push_back(simulator_.read_line());
+        }
     }
+
+    [[nodiscard]] const std::vector<std::string>& ports() const { return ports_; }
+
+  private:
+    static std::vector<std::string> options(const Case& run) {
+        std::vector<std::string> words{run.transfer->model, "--pace", "--count",
+                                       std::to_string(run.modules)};
+        if (run.transfer->starts_at_rate) {
+            words.insert(words.end(), {"--rate", std::to_string(run.rate)});
+        }
+        return words;
+    }
+
+    test::Background simulator_;
+    std::vector<std::string> ports_;
+};
+
+/// Runs the tool once for each module, all at the same time.
+std::vector<Measured> run_tools(const Case& run, const Prepared& prepared) {
+    const Station station(run);
+    std::vector<Command> commands;
+    for (const std::string& port : station.ports()) {
+        commands.push_back({std::string(ORBIX_BIN_DIR) + "/orbix_flash"});
+        const Arguments words = with_port(*run.transfer, port, prepared.arguments);
+        commands.back().insert(commands.back().end(), words.begin(), words.end());
+    }
+    return run_side_by_side(commands, prepared.folder.path());
+}
+
+/// The output of a run that failed, if one did.
+std::optional<std::string> failure_in(const std::vector<Measured>& runs) {
+    for (const Measured& run : runs) {
+        if (run.output.find("[SUCCESS]") == std::string::npos) {
+            return "no SUCCESS: " +
+                   run.output.substr(run.output.size() -
+                                     std::min<std::size_t>(run.output.size(), 300));
+        }
+    }
+    return std::nullopt;
+}
+
+double limit_of(unsigned rate) {
+    return rate <= slow_rate ? most_over_bound_slow : most_over_bound;
+}
+
+/// Seconds of the one-module runs so far, by transfer and rate: what more modules are compared
+/// with.
+std::map<std::pair<std::string, unsigned>, double> alone;
+
+void measure(benchmark::State& state, const Case& run) {
+    const Prepared prepared(*run.transfer, run.rate);
+    const Bound bound = bound_of(*run.transfer, run.rate, prepared.arguments);
+    std::vector<Measured> runs;
     double slowest = 0;
+    double sum = 0;
     double processor = 0;
     long peak = 0;
     for (auto _ : state) {
-        std::vector<std::unique_ptr<test::SimulatedModule>> simulated;
-        for (std::size_t count = 0; count < modules; ++count) {
-            simulated.push_back(std::make_unique<test::SimulatedModule>(transfer.model, simulator));
+        runs = run_tools(run, prepared);
+        if (const auto failure = failure_in(runs)) {
+            state.SkipWithError(failure->c_str());
+            return;
         }
-        const auto begun = std::chrono::steady_clock::now();
-        std::vector<std::unique_ptr<test::Background>> tools;
-        for (const auto& module : simulated) {
-            tools.push_back(std::make_unique<test::Background>(
-                "orbix_flash", with_port(transfer, module->port(), arguments)));
+        for (const Measured& each : runs) {
+            slowest = std::max(slowest, each.seconds);
+            sum += each.seconds;
+            processor += each.processor_seconds;
+            peak = std::max(peak, each.peak_kib);
         }
-        for (const auto& tool : tools) {
-            const test::Finished run = tool->finish();
-            if (run.output.find("[SUCCESS]") == std::string::npos) {
-                state.SkipWithError(run.output.c_str());
-                return;
-            }
-            processor += run.processor_seconds;
-            peak = std::max(peak, run.peak_kib);
-        }
-        slowest = std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count();
         state.SetIterationTime(slowest);
     }
-    state.counters["bound_s"] = bound;
-    state.counters["of_bound"] = slowest / bound;
-    state.counters["core_share"] = processor / static_cast<double>(modules) / slowest;
-    state.counters["peak_MiB"] = static_cast<double>(peak) / 1024;
-}
-
-void register_transfer(const Transfer& transfer, unsigned rate, std::size_t modules) {
-    const std::string name =
-        transfer.name + "/baud:" + std::to_string(rate) + "/modules:" + std::to_string(modules);
-    benchmark::RegisterBenchmark(name.c_str(),
-                                 [&transfer, rate, modules](benchmark::State& state) {
-                                     run_transfer(state, transfer, rate, modules);
-                                 })
-        ->UseManualTime()
-        ->Iterations(1)
-        ->Unit(benchmark::kSecond);
-}
-
-}  // namespace
-}  // namespace orbix
-
-int main(int argc, char** argv) {
-    for (const auto& transfer : orbix::transfers) {
-        for (const unsigned rate : {921600U, 460800U}) {
-            orbix::register_transfer(transfer, rate, 1);
+    const auto count = static_cast<double>(run.modules);
+    auto& counters = state.counters;
+    state.SetLabel(run.transfer->name);
+    counters["baud"] = run.rate;
+    counters["modules"] = count;
+    counters["bytes"] = static_cast<double>(prepared.size);
+    counters["bound_s"] = bound.all;
+    counters["line_s"] = bound.line;
+    counters["delay_s"] = bound.delay;
+    counters["seconds"] = slowest;
+    counters["over_bound"] = slowest / bound.all - 1;
+    counters["processor_s"] = processor / count;
+    counters["core_share"] = processor / sum;
+    counters["peak_MiB"] = static_cast<double>(peak) / 1024;
+    const std::pair key(run.transfer->name, run.rate);
+    if (run.modules == 1) {
+        alone[key] = slowest;
+        counters["limit"] = limit_of(run.rate);
+    } else if (alone.contains(key)) {
+        counters["loss"] = slowest / alone[key] - 1;
+        if (run.modules == station_size && run.rate == slow_rate) {
+            counters["limit"] = most_loss_in_station;
         }
     }
-    orbix::register_transfer(orbix::transfers.front(), 921600, 8);
+}
+
+double middle(std::vector<double> values) {
+    std::ranges::sort(values);
+    return values[values.size() / 2];
+}
+
+void compare(benchmark::State& state, const Peer& peer, unsigned rate) {
+    const Case run{.transfer = &transfer_named(peer.transfer), .rate = rate, .modules = 1};
+    const Prepared prepared(*run.transfer, rate);
+    std::vector<double> tool;
+    std::vector<double> other;
+    for (auto _ : state) {
+        for (std::size_t turn = 0; turn < turns; ++turn) {
+            const auto runs = run_tools(run, prepared);
+            if (const auto failure = failure_in(runs)) {
+                state.SkipWithError(failure->c_str());
+                return;
+            }
+            tool.push_back(runs.front().seconds);
+            const Station station(run);
+            const Measured measured = peer.run(peer, station.ports().front(), rate,
+                                               prepared.arguments, prepared.folder.path());
+            if (measured.status != 0) {
+                state.SkipWithError((peer.name + " failed: " + measured.output).c_str());
+                return;
+            }
+            other.push_back(measured.seconds);
+        }
+        state.SetIterationTime(middle(tool));
+    }
+    state.SetLabel(run.transfer->name + " / " + peer.name);
+    state.counters["baud"] = rate;
+    state.counters["bytes"] = static_cast<double>(prepared.size);
+    state.counters["seconds"] = middle(tool);
+    state.counters["peer_s"] = middle(other);
+    state.counters["ratio"] = middle(tool) / middle(other);
+    if (peer.same_blocks) {
+        state.counters["limit"] = most_ratio;
+    }
+}
+
+// --- which of them are run -----------------------------------------------------------------------
+
+void settle(benchmark::internal::Benchmark* benchmark) {
+    benchmark->UseManualTime()->Iterations(1)->Unit(benchmark::kSecond);
+}
+
+void add(const Transfer& transfer, unsigned rate, std::size_t modules) {
+    const std::string name =
+        transfer.name + "/baud:" + std::to_string(rate) + "/modules:" + std::to_string(modules);
+    settle(benchmark::RegisterBenchmark(
+        name.c_str(),
+        [run = Case{&transfer, rate, modules}](benchmark::State& state) { measure(state, run); }));
+}
+
+void add(const Peer& peer, unsigned rate) {
+    const std::string name = peer.transfer + "/baud:" + std::to_string(rate) + "/" + peer.name;
+    settle(benchmark::RegisterBenchmark(
+        name.c_str(), [peer, rate](benchmark::State& state) { compare(state, peer, rate); }));
+}
+
+/// Everything: each transfer at each of its rates, and side by side at the lowest and the highest.
+void add_all() {
+    for (const Transfer& transfer : transfers()) {
+        for (const unsigned rate : transfer.rates) {
+            add(transfer, rate, 1);
+            if (rate == transfer.rates.front() || rate == transfer.rates.back()) {
+                add(transfer, rate, 8);
+                add(transfer, rate, station_size);
+            }
+        }
+    }
+    for (const Peer& peer : installed_peers()) {
+        for (const unsigned rate : peer.rates) {
+            add(peer, rate);
+        }
+    }
+}
+
+/// What shows a loss soonest: each transfer at its highest rate, one station at the lowest, and
+/// each peer at its highest rate.
+void add_short() {
+    for (const Transfer& transfer : transfers()) {
+        add(transfer, transfer.rates.back(), 1);
+    }
+    const Transfer& upgrade = transfer_named("AG3352 upgrade");
+    for (const std::size_t modules : {std::size_t{1}, std::size_t{8}, station_size}) {
+        add(upgrade, slow_rate, modules);
+    }
+    for (const Peer& peer : installed_peers()) {
+        add(peer, peer.rates.back());
+    }
+}
+
+// --- the table -----------------------------------------------------------------------------------
+
+/// A line for each run as it ends, and at the end how many kept what must hold.
+class Table : public benchmark::BenchmarkReporter {
+  public:
+    bool ReportContext(const Context& /*context*/) override {
+        std::printf("%-18s %6s %7s %9s %9s %8s %8s %7s %6s %6s\n", "transfer", "baud", "modules",
+                    "seconds", "bound", "over", "loss", "cpu s", "core", "MiB");
+        return true;
+    }
+
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const Run& run : runs) {
+            report(run);
+            std::fflush(stdout);
+        }
+    }
+
+    [[nodiscard]] int missed() const { return missed_; }
+
+  private:
+    void report(const Run& run) {
+        if (run.error_occurred) {
+            std::printf("%s: %s\n", run.benchmark_name().c_str(), run.error_message.c_str());
+            ++missed_;
+            return;
+        }
+        const auto& counters = run.counters;
+        const auto value = [&counters](const char* name) { return counters.at(name).value; };
+        const char* judged = "loss";
+        if (counters.contains("ratio")) {
+            judged = "ratio";
+            std::printf("%s at %.0f: %.3f s, %.3f s; ratio %.4f", run.report_label.c_str(),
+                        value("baud"), value("seconds"), value("peer_s"), value("ratio"));
+        } else {
+            std::array<char, 16> loss{"-"};
+            if (counters.contains("loss")) {
+                std::snprintf(loss.data(), loss.size(), "%+.2f %%", value("loss") * 100);
+            }
+            std::printf("%-18s %6.0f %7.0f %9.3f %9.3f %+6.2f %% %8s %7.3f %4.1f %% %6.1f",
+                        run.report_label.c_str(), value("baud"), value("modules"), value("seconds"),
+                        value("bound_s"), value("over_bound") * 100, loss.data(),
+                        value("processor_s"), value("core_share") * 100, value("peak_MiB"));
+            judged = value("modules") == 1 ? "over_bound" : "loss";
+        }
+        const bool kept = !counters.contains("limit") || value(judged) <= value("limit");
+        std::printf("%s\n", kept ? "" : "  MISSED");
+        missed_ += kept ? 0 : 1;
+    }
+
+    int missed_ = 0;
+};
+
+}  // namespace
+}  // namespace orbix::bench
+
+int main(int argc, char** argv) {
+    char** const end = argv + argc;
+    char** const rest = std::remove(argv, end, std::string_view("--all"));
+    const bool all = rest != end;
+    argc = static_cast<int>(rest - argv);
+    all ? orbix::bench::add_all() : orbix::bench::add_short();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 2;
     }
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
+    orbix::bench::Table table;
+    benchmark::RunSpecifiedBenchmarks(&table);
+    std::printf("%d missed what must hold\n", table.missed());
+    return table.missed() == 0 ? 0 : 1;
 }

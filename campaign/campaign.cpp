@@ -70,21 +70,21 @@ std::vector<Fault> draw_faults(Draw& draw, const Rig& rig) {
 
 }  // namespace
 
-bool Record::has_fault(FaultKind kind, Direction direction) const {
-    return std::any_of(faults.begin(), faults.end(), [=](const Fault& fault) {
-        return fault.kind == kind && fault.direction == direction;
-    });
-}
-
-Record run_seed(const Scenario& scenario, std::uint64_t seed, bool traced) {
+Record run_seed(const Scenario& scenario, std::uint64_t seed, const Wishes& wishes) {
     Draw draw(seed);
     const Rig rig = scenario.make(draw);
+    for (const Held& held : rig.held) {
+        held.flash->fill(0x00);  // the old firmware: nothing is right there without an erase
+    }
 
     Record record;
     record.scenario = &scenario;
     record.seed = seed;
     record.arguments = rig.arguments;
     record.faults = draw_faults(draw, rig);
+    if (wishes.faults) {
+        record.faults = *wishes.faults;
+    }
 
     sim::Conditions conditions;
     conditions.faults = record.faults;
@@ -93,11 +93,12 @@ Record run_seed(const Scenario& scenario, std::uint64_t seed, bool traced) {
     conditions.seed = seed;
     conditions.packet = draw.pick<std::size_t>({1, 1, 1, 16, 62});  // a UART, or a USB adapter
     conditions.port.limit = sim::milliseconds(patience_ms + farewell_ms);
-    conditions.traced = traced;
+    conditions.traced = wishes.traced;
     const sim::ToolRun run(*rig.module, rig.arguments, conditions);
 
     record.output = run.output;
     record.trace = run.trace;
+    record.strikes = run.strikes;
     record.duration_ms = run.duration_ms;
     record.waited = run.duration_ms >= patience_ms;
     judge(record, rig, run);
@@ -131,13 +132,17 @@ void begin_arguments(Rig& rig, Draw& draw, const std::string& model, unsigned ba
     }
 }
 
-std::string describe(const std::vector<Fault>& faults) {
+const char* name_of(FaultKind kind) {
     static constexpr const char* names[] = {"drop",  "flip",    "duplicate", "noise",
                                             "delay", "silence", "unplug",    "power-cycle"};
+    return names[static_cast<std::size_t>(kind)];
+}
+
+std::string describe(const std::vector<Fault>& faults) {
     std::string text;
     for (const Fault& fault : faults) {
         text += text.empty() ? "" : ",";
-        text += names[static_cast<std::size_t>(fault.kind)];
+        text += name_of(fault.kind);
         if (fault.kind != FaultKind::unplug && fault.kind != FaultKind::power_cycle) {
             text += "=" + std::to_string(fault.amount);
         }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,9 @@ struct Violation {
     std::string what;
 };
 
+struct UnlimitedWait;
+struct SilentStep;
+
 /// After this long a run that still goes on is unplugged, and must end.
 inline constexpr std::uint64_t patience_ms = 1'200'000;
 
@@ -41,22 +45,31 @@ struct Record {
     std::vector<sim::Fault> faults;  ///< as drawn, without the unplug at the end of patience
     std::string output;
     std::vector<sim::TracedByte> trace;
+    std::vector<sim::Strike> strikes;  ///< what the faults did
     std::uint64_t duration_ms = 0;
     bool succeeded = false;
-    bool waited = false;  ///< it stood in a wait until it was unplugged
+    bool waited = false;                      ///< it stood in a wait until it was unplugged
+    const UnlimitedWait* wait = nullptr;      ///< the wait in which it stood, if it is a known one
+    const SilentStep* silent_step = nullptr;  ///< what it failed at without an ERROR line
     std::vector<Violation> violations;
     std::vector<Violation> excepted;  ///< found, and covered by the list of exceptions
-
-    [[nodiscard]] bool has_fault(sim::FaultKind kind, sim::Direction direction) const;
 };
 
 /// Draws, runs and checks. The working folder must be one for the campaign alone.
-Record run_seed(const Scenario& scenario, std::uint64_t seed, bool traced = false);
+struct Wishes {
+    bool traced = false;                                           ///< keep the line's bytes
+    std::optional<std::vector<sim::Fault>> faults = std::nullopt;  ///< instead of the drawn ones
+};
+Record run_seed(const Scenario& scenario, std::uint64_t seed, const Wishes& wishes = {});
+
+/// The word for a kind of fault, as `parse_faults` reads it.
+const char* name_of(sim::FaultKind kind);
 
 /// The faults as text that `parse_faults` reads again.
 std::string describe(const std::vector<sim::Fault>& faults);
 
-/// Both directions of the line with their times, and the log lines between them.
+/// Both directions of the line with their times, the faults that struck, and the log lines between
+/// them.
 std::string readable_trace(const Record& record);
 
 /// The working folder of a campaign's process: in memory where the system offers it, entered while

@@ -58,7 +58,7 @@ std::string quoted(std::string_view text) {
 /// Collects what the checks find, and tells violations from exceptions.
 class Findings {
   public:
-    explicit Findings(Record& record) : record_(record) {}
+    Findings(Record& record, const Rig& rig) : record_(record), rig_(rig) {}
 
     void add(Check check, std::string what) {
         const bool excepted =
@@ -66,13 +66,14 @@ class Findings {
                 return exception.check == check &&
                        concerns(exception.family, record_.scenario->family) &&
                        concerns(exception.mode, record_.scenario->mode) &&
-                       exception.applies(record_, what);
+                       exception.applies({record_, rig_});
             });
         (excepted ? record_.excepted : record_.violations).push_back({check, std::move(what)});
     }
 
   private:
     Record& record_;
+    const Rig& rig_;
 };
 
 // --- the result ----------------------------------------------------------------------------------
@@ -107,8 +108,19 @@ std::string_view last_said(std::span<const LogLine> lines) {
     return line != lines.rend() ? line->text : "";
 }
 
-void check_failure_is_named(const Record& record, const std::vector<LogLine>& lines,
-                            Findings& findings) {
+/// The entry of a table that is for this mode and for a run whose last line this is.
+template <typename Entry>
+const Entry* find_entry(const std::vector<Entry>& table, const Scenario& scenario,
+                        std::string_view last_line) {
+    const auto entry = std::find_if(table.begin(), table.end(), [&](const Entry& candidate) {
+        return concerns(candidate.family, scenario.family) &&
+               concerns(candidate.mode, scenario.mode) &&
+               last_line.starts_with(candidate.last_line);
+    });
+    return entry != table.end() ? &*entry : nullptr;
+}
+
+void check_failure_is_named(Record& record, const std::vector<LogLine>& lines, Findings& findings) {
     const bool error = std::any_of(lines.begin(), lines.end(), [](const LogLine& line) {
         return line.text.find("[ERROR]") != std::string_view::npos;
     });
@@ -116,19 +128,15 @@ void check_failure_is_named(const Record& record, const std::vector<LogLine>& li
         return;
     }
     const std::string_view last = last_said(std::span(lines).first(lines.size() - 1));
-    const bool stated =
-        std::any_of(silent_steps.begin(), silent_steps.end(), [&](const SilentStep& step) {
-            return concerns(step.family, record.scenario->family) &&
-                   concerns(step.mode, record.scenario->mode) && last.starts_with(step.last_line);
-        });
-    if (!stated) {
+    record.silent_step = find_entry(silent_steps, *record.scenario, last);
+    if (record.silent_step == nullptr) {
         findings.add(Check::names_failure, "FAIL without an ERROR line behind " + quoted(last));
     }
 }
 
 // --- where it stood ------------------------------------------------------------------------------
 
-void check_end(const Record& record, const std::vector<LogLine>& lines, bool cut_off,
+void check_end(Record& record, const std::vector<LogLine>& lines, bool cut_off,
                Findings& findings) {
     if (!record.waited) {
         return;
@@ -138,12 +146,8 @@ void check_end(const Record& record, const std::vector<LogLine>& lines, bool cut
         return line.stamp_ms && *line.stamp_ms >= patience_ms;
     });
     const std::string_view last = last_said({lines.begin(), after});
-    const bool stated =
-        std::any_of(unlimited_waits.begin(), unlimited_waits.end(), [&](const UnlimitedWait& wait) {
-            return concerns(wait.family, record.scenario->family) &&
-                   concerns(wait.mode, record.scenario->mode) && last.starts_with(wait.last_line);
-        });
-    if (!stated) {
+    record.wait = find_entry(unlimited_waits, *record.scenario, last);
+    if (record.wait == nullptr) {
         findings.add(Check::ends, "still running behind " + quoted(last));
     }
     if (cut_off) {
@@ -340,7 +344,7 @@ bool concerns(std::string_view pattern, std::string_view name) {
 }
 
 void judge(Record& record, const Rig& rig, const sim::ToolRun& run) {
-    Findings findings(record);
+    Findings findings(record, rig);
     const auto lines = split_lines(record.output);
     if (lines.empty()) {
         findings.add(Check::agrees, "no output");

@@ -33,6 +33,9 @@ class Draw {
 
     sim::Bytes bytes(std::size_t size);
 
+    /// From here on no image is larger than this.
+    void limit_images(std::size_t size) { largest_image_ = size; }
+
     /// The size of an image for blocks of `block` bytes: any, but often at a block's edge.
     std::size_t image_size(std::size_t block, std::size_t most);
 
@@ -41,6 +44,7 @@ class Draw {
 
   private:
     std::mt19937_64 random_;
+    std::size_t largest_image_ = SIZE_MAX;
 };
 
 }  // namespace orbix::campaign

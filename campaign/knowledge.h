@@ -31,12 +31,18 @@ struct SilentStep {
 };
 extern const std::vector<SilentStep> silent_steps;
 
+/// What an exception is judged by: the run's facts, those that the tool cannot see included.
+struct Evidence {
+    const Record& record;
+    const Rig& rig;
+};
+
 /// A check that cannot be kept, because the behaviour itself brings it.
 struct Exception {
     const char* family;
     const char* mode;
     Check check;
-    bool (*applies)(const Record& record, const std::string& what);
+    bool (*applies)(const Evidence& evidence);  ///< whether this run met the reason
     const char* reason;
     const char* test;  ///< "Suite.Test", which shows it
 };

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,26 +32,29 @@ struct Options {
     std::uint64_t seed = 1;
     std::uint64_t runs = 1000;
     unsigned jobs = 0;
+    std::optional<std::vector<orbix::sim::Fault>> faults;
     bool trace = false;
     bool summary = false;
 };
 
 void print_help(std::FILE* out) {
-    std::fprintf(out,
-                 "orbix_campaign: runs of the tool in virtual time with seeded random faults\n"
-                 "\n"
-                 "Usage: orbix_campaign [options]\n"
-                 "\n"
-                 "  --family NAME  only this family       --mode NAME  only this mode\n"
-                 "  --seed N       the first seed (default 1)\n"
-                 "  --runs N       how many (default 1000), one seed each\n"
-                 "  --jobs N       processes (default: one for each processor)\n"
-                 "  --trace        show each run: arguments, faults, lines, and bytes with times\n"
-                 "  --summary      show what came of the runs, mode by mode\n"
-                 "  --list         print the families and modes\n"
-                 "  --help         print this text\n"
-                 "\n"
-                 "The exit status is 0 when all checks held, 1 when one did not.\n");
+    std::fprintf(
+        out,
+        "orbix_campaign: runs of the tool in virtual time with seeded random faults\n"
+        "\n"
+        "Usage: orbix_campaign [options]\n"
+        "\n"
+        "  --family NAME  only this family       --mode NAME  only this mode\n"
+        "  --seed N       the first seed (default 1)\n"
+        "  --runs N       how many (default 1000), one seed each\n"
+        "  --faults LIST  these faults instead of the drawn ones (as orbix_sim takes them)\n"
+        "  --jobs N       processes (default: one for each processor)\n"
+        "  --trace        show each run: arguments, faults, lines, and bytes with times\n"
+        "  --summary      show what came of the runs, mode by mode\n"
+        "  --list         print the families and modes\n"
+        "  --help         print this text\n"
+        "\n"
+        "The exit status is 0 when all checks held, 1 when one did not.\n");
 }
 
 std::vector<const Scenario*> chosen(const Options& options) {
@@ -131,7 +135,8 @@ void show_violations(const Record& record) {
 void take_run(const std::vector<const Scenario*>& table, const Options& options, std::uint64_t run,
               Shared& shared) {
     const std::size_t index = run % table.size();
-    const Record record = run_seed(*table[index], options.seed + run, options.trace);
+    const Record record = run_seed(*table[index], options.seed + run,
+                                   {.traced = options.trace, .faults = options.faults});
     Tally& tally = shared.tallies[index];
     ++tally.runs;
     tally.succeeded += record.succeeded ? 1 : 0;
@@ -245,12 +250,24 @@ std::uint64_t report(const std::vector<const Scenario*>& table, const Options& o
 }
 
 bool parse_options(int argc, char** argv, Options& options) {
-    enum Option : int { o_family = 1, o_mode, o_seed, o_runs, o_jobs, o_trace, o_sum, o_list };
+    enum Option : int {
+        o_family = 1,
+        o_mode,
+        o_seed,
+        o_runs,
+        o_faults,
+        o_jobs,
+        o_trace,
+        o_sum,
+        o_list
+    };
+    std::string error;
     const option long_options[] = {
         {"family", required_argument, nullptr, o_family},
         {"mode", required_argument, nullptr, o_mode},
         {"seed", required_argument, nullptr, o_seed},
         {"runs", required_argument, nullptr, o_runs},
+        {"faults", required_argument, nullptr, o_faults},
         {"jobs", required_argument, nullptr, o_jobs},
         {"trace", no_argument, nullptr, o_trace},
         {"summary", no_argument, nullptr, o_sum},
@@ -272,6 +289,13 @@ bool parse_options(int argc, char** argv, Options& options) {
                 break;
             case o_runs:
                 options.runs = std::strtoull(optarg, nullptr, 10);
+                break;
+            case o_faults:
+                options.faults = orbix::sim::parse_faults(optarg, error);
+                if (!options.faults) {
+                    std::fprintf(stderr, "orbix_campaign: %s\n", error.c_str());
+                    return false;
+                }
                 break;
             case o_jobs:
                 options.jobs = static_cast<unsigned>(std::strtoul(optarg, nullptr, 10));

@@ -20,7 +20,7 @@ using sim::Bytes;
 
 /// What a flash must hold after SUCCESS.
 struct Held {
-    const sim::Flash* flash;
+    sim::Flash* flash;
     std::uint32_t address;
     Bytes content;
 };

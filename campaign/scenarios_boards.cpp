@@ -10,7 +10,7 @@ namespace orbix::campaign {
 namespace {
 
 /// An image at an address, the only part of the flash besides what is erased with it.
-void hold(Rig& rig, const sim::Flash& flash, std::uint32_t begin, std::uint32_t end, Bytes image,
+void hold(Rig& rig, sim::Flash& flash, std::uint32_t begin, std::uint32_t end, Bytes image,
           std::size_t block) {
     rig.bytes_to_module = image.size() + 150 + image.size() / block * 14;
     rig.bytes_to_host = 100 + image.size() / block * 14;
@@ -46,10 +46,14 @@ Rig rx7040_download(Draw& draw) {
     Rig rig;
     sim::Rx7040Module::Behaviour behaviour;
     behaviour.loader_has_words = !draw.chance(30);
+    const Bytes loader = draw.image(1024, 6000);
+    // A header stands in front of the code and is not sent, unless there is nothing else.
+    constexpr std::size_t header = 36;
+    const auto code = std::span(loader).subspan(loader.size() > header ? header : 0);
+    behaviour.loader_code.assign(code.begin(), code.end());
     rig.module = std::make_unique<sim::Rx7040Module>(behaviour);
     rig.option("-m", draw.pick({"MX290A", "MX291B", "MX295A"}));
     rig.option("-p", "COM6");
-    const Bytes loader = draw.image(1024, 6000);
     Bytes image = draw.image(1024, 20'000);
     rig.option("-L", put_file("loader.pkg", loader));
     rig.option("-f", put_file("fw.pkg", image));

@@ -29,7 +29,7 @@ Rig begin(Draw& draw, bool strapped, const char* mode) {
 
 /// An image that belongs at the start of one processor's part of the flash.
 void hold(Rig& rig, const Bytes& image, std::uint32_t processor) {
-    const sim::Flash& flash = rig.module->flash();
+    sim::Flash& flash = rig.module->flash();
     const std::uint32_t begin = flash.base() + processor * processor_size;
     rig.held.push_back({&flash, begin, image});
     rig.regions.push_back({&flash, begin, begin + processor_size});

@@ -21,7 +21,7 @@ void draw_talker(Draw& draw, sim::NmeaTalker::Settings& talker) {
 }
 
 /// An image in the chip's flash, of which the code and NVM areas may be erased.
-void put_chip_image(Rig& rig, Draw& draw, const sim::Flash& flash) {
+void put_chip_image(Rig& rig, Draw& draw, sim::Flash& flash) {
     const Bytes image = draw.image(piece, 40'000);
     rig.option("-f", put_file("app.bin", image));
     rig.held.push_back({&flash, sim::teseo_flash_base, image});
@@ -103,7 +103,7 @@ Rig sta8100_app_boot(Draw& draw) {
     const Bytes image = draw.image(256, 20'000);
     rig.option("-f", put_file("app.bin", image));
     rig.option("-c", "app_boot");
-    const sim::Flash& flash = module->app().flash();
+    sim::Flash& flash = module->app().flash();
     rig.held.push_back({&flash, flash.base(), image});
     rig.regions.push_back(
         {&flash, flash.base(), flash.base() + static_cast<std::uint32_t>(flash.cells().size())});

@@ -194,6 +194,7 @@ bool AppLoader::image_is_complete_and_right() const {
 
 void AppLoader::respond(const UpgradeFrame& frame, SlaveState state, Micros delay, Wire& wire) {
     const auto code = static_cast<std::uint16_t>(state);
+    refusals_ += state == SlaveState::success ? 0 : 1;
     const std::uint8_t address =
         is_version_query(frame) ? settings_.version_address : settings_.address;
     std::vector<std::uint8_t> payload{address, frame.command, static_cast<std::uint8_t>(code >> 8),

@@ -72,6 +72,9 @@ class AppLoader : public Model {
     /// Whether the loader has handed over to the application.
     [[nodiscard]] bool rebooted() const { return state_ == State::rebooted; }
 
+    /// How many commands it has refused since the object exists, power cycles or not.
+    [[nodiscard]] unsigned refusals() const { return refusals_; }
+
     /// A test's way of making the loader misbehave: called with every intact frame and the
     /// response it would get; may change the response, or empty it for silence.
     std::function<void(const UpgradeFrame& frame, std::vector<std::uint8_t>& response)> tamper;
@@ -105,6 +108,7 @@ class AppLoader : public Model {
     std::uint32_t received_ = 0;
     std::uint32_t next_block_ = 0;
     std::vector<std::uint8_t> last_block_;
+    unsigned refusals_ = 0;
 };
 
 }  // namespace orbix::sim

@@ -43,9 +43,12 @@ void AppProcessor::receive(std::uint8_t byte, Micros now, Wire& wire) {
         }
         return;
     }
+    if (message_.empty()) {
+        message_begun_ = now;
+    }
     message_.push_back(byte);
     if (message_.size() == message_size()) {
-        handle(wire);
+        handle(now, wire);
         message_.clear();
     }
 }
@@ -65,7 +68,7 @@ std::size_t AppProcessor::message_size() const {
     }
 }
 
-void AppProcessor::handle(Wire& wire) {
+void AppProcessor::handle(Micros now, Wire& wire) {
     switch (state_) {
         case State::command:
             take_command(wire);
@@ -93,7 +96,7 @@ void AppProcessor::handle(Wire& wire) {
             take_address(AppStep::write_address, State::write_data, wire);
             break;
         case State::write_data:
-            write_block(wire);
+            write_block(now, wire);
             break;
         case State::waiting:
             break;
@@ -172,12 +175,13 @@ void AppProcessor::erase_pages(Wire& wire) {
     say(AppStep::erase, {ack}, wire, settings_.erase_time);
 }
 
-void AppProcessor::write_block(Wire& wire) {
+void AppProcessor::write_block(Micros now, Wire& wire) {
     const auto data = std::span(message_).subspan(1, message_.size() - 2);
     if (!checksum_is_right(message_) || write_protected_ || !flash_.program(address_, data)) {
         refuse(AppStep::write_data, wire);
         return;
     }
+    accepted_packets_.push_back({message_begun_, now});
     state_ = State::command;
     say(AppStep::write_data, {ack}, wire, settings_.program_time);
 }

@@ -48,6 +48,9 @@ class AppProcessor : public Model {
     [[nodiscard]] bool caught() const { return state_ != State::waiting; }
     [[nodiscard]] bool write_protected() const { return write_protected_; }
 
+    /// The blocks that it has programmed since the object exists.
+    [[nodiscard]] const std::vector<Span>& accepted_packets() const { return accepted_packets_; }
+
     /// How often pages have been erased.
     int erases = 0;
 
@@ -67,11 +70,11 @@ class AppProcessor : public Model {
     };
 
     [[nodiscard]] std::size_t message_size() const;
-    void handle(Wire& wire);
+    void handle(Micros now, Wire& wire);
     void take_command(Wire& wire);
     void take_address(AppStep step, State next, Wire& wire);
     void erase_pages(Wire& wire);
-    void write_block(Wire& wire);
+    void write_block(Micros now, Wire& wire);
     void say(AppStep step, std::vector<std::uint8_t> answer, Wire& wire, Micros delay = 0);
     void refuse(AppStep step, Wire& wire);
 
@@ -82,6 +85,8 @@ class AppProcessor : public Model {
     std::vector<std::uint8_t> message_;
     std::uint32_t address_ = 0;
     std::optional<Micros> last_byte_;
+    Micros message_begun_ = 0;
+    std::vector<Span> accepted_packets_;
 };
 
 }  // namespace orbix::sim

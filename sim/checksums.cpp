@@ -39,4 +39,14 @@ std::uint16_t module_crc16(std::span<const std::uint8_t> bytes) {
     return static_cast<std::uint16_t>(remainder);
 }
 
+std::array<std::uint8_t, 2> fletcher(std::span<const std::uint8_t> bytes) {
+    unsigned a = 0;
+    unsigned b = 0;
+    for (const std::uint8_t byte : bytes) {
+        a = (a + byte) % 256;
+        b = (b + a) % 256;
+    }
+    return {static_cast<std::uint8_t>(a), static_cast<std::uint8_t>(b)};
+}
+
 }  // namespace orbix::sim

@@ -1,6 +1,7 @@
 // Checksums as the modules compute them, bit by bit from their definitions.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <span>
 
@@ -15,5 +16,8 @@ std::uint32_t module_image_crc(std::span<const std::uint8_t> image);
 
 /// CRC-16 of XMODEM (polynomial 0x1021, initial value 0, most significant bit first).
 std::uint16_t module_crc16(std::span<const std::uint8_t> bytes);
+
+/// The sum of all bytes and the sum of these sums, each modulo 256.
+std::array<std::uint8_t, 2> fletcher(std::span<const std::uint8_t> bytes);
 
 }  // namespace orbix::sim

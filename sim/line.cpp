@@ -14,6 +14,10 @@ bool rates_match(unsigned one, unsigned other) {
     return off * 100 <= std::uint64_t{other} * 4;
 }
 
+Micros line_time(std::size_t bytes, unsigned bits_per_byte, unsigned baud) {
+    return std::uint64_t{bytes} * bits_per_byte * 1'000'000U / baud;
+}
+
 bool ends_the_line(FaultKind kind) {
     return kind == FaultKind::unplug || kind == FaultKind::power_cycle;
 }
@@ -50,11 +54,12 @@ Micros Line::send(std::span<const std::uint8_t> bytes, Micros now) {
     const Micros begun = at;
     for (std::size_t index = 0; index < bytes.size(); ++index) {
         if (!settings_.instant && host_baud_ != 0) {
-            at = begun + (index + 1) * 10'000'000U / host_baud_;
+            at = begun + line_time(index + 1, model_.byte_bits(), host_baud_);
         }
         enqueue(Direction::to_module, {at, bytes[index], host_baud_, host_even_parity_});
     }
     to_module_.free_at = std::max(to_module_.free_at, at);
+    busy_ += at - begun;
     return at;
 }
 
@@ -74,34 +79,46 @@ void Line::enqueue(Direction direction, Transit transit) {
             continue;
         }
         const std::uint64_t behind = number - *fault.byte;
+        const std::uint8_t was = transit.byte;
+        const Micros arrives = std::max(transit.arrival, lane.free_at);
         switch (fault.kind) {
             case FaultKind::drop:
-                copies = behind < fault.amount ? 0 : copies;
+                if (behind < fault.amount) {
+                    copies = 0;
+                    note_strike(fault, arrives, was, 0);
+                }
                 break;
             case FaultKind::flip:
                 if (behind < fault.amount) {
-                    transit.byte = static_cast<std::uint8_t>(transit.byte ^ 1U << (random_() % 8));
+                    transit.byte = static_cast<std::uint8_t>(was ^ 1U << (random_() % 8));
+                    note_strike(fault, arrives, was, transit.byte);
                 }
                 break;
             case FaultKind::duplicate:
-                copies = behind < fault.amount && copies != 0 ? 2 : copies;
+                if (behind < fault.amount && copies != 0) {
+                    copies = 2;
+                    note_strike(fault, arrives, was, was);
+                }
                 break;
             case FaultKind::noise:
                 for (std::uint64_t count = 0; behind == 0 && count < fault.amount; ++count) {
                     Transit noise = transit;
                     noise.byte = garbled();
                     lane.transit.push_back(noise);
+                    note_strike(fault, arrives, 0, noise.byte);
                 }
                 break;
             case FaultKind::delay:
                 if (behind == 0) {
                     lane.free_at = transit.arrival + milliseconds(fault.amount);
+                    note_strike(fault, arrives, was, was);
                 }
                 break;
             case FaultKind::silence:
                 if (behind == 0) {
                     lane.silent_until =
                         fault.amount == 0 ? for_ever : transit.arrival + milliseconds(fault.amount);
+                    note_strike(fault, arrives, was, 0);
                 }
                 break;
             case FaultKind::unplug:
@@ -124,7 +141,12 @@ void Line::enqueue(Direction direction, Transit transit) {
     }
 }
 
+void Line::note_strike(const Fault& fault, Micros time, std::uint8_t was, std::uint8_t became) {
+    strikes_.push_back({time, fault.kind, fault.direction, was, became});
+}
+
 void Line::happen(const Fault& fault, Micros now) {
+    note_strike(fault, now, 0, 0);
     if (fault.kind == FaultKind::unplug) {
         unplugged_ = true;
         return;
@@ -150,12 +172,14 @@ void Line::carry(Wire& wire, Micros now) {
         for (std::size_t index = 0; index < size; ++index) {
             if (settings_.paced && utterance.baud != 0) {
                 const std::size_t packet_end = std::min(size, (index / packet + 1) * packet);
-                at = begun + packet_end * 10'000'000U / utterance.baud;
+                at = begun + line_time(packet_end, model_.byte_bits(), utterance.baud);
             }
             enqueue(Direction::to_host,
                     {at, utterance.bytes[index], utterance.baud, model_.even_parity});
         }
         to_host_.free_at = std::max(to_host_.free_at, at);
+        busy_ += at - begun;
+        delayed_ += utterance.delay;
     }
     wire.utterances.clear();
 }

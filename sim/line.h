@@ -21,10 +21,20 @@ struct TracedByte {
     std::uint8_t byte;
 };
 
+/// A fault as it struck: a byte that was lost, turned, doubled or made up, or the moment at which a
+/// delay, a silence, an unplug or a power cycle began.
+struct Strike {
+    Micros time;
+    FaultKind kind;
+    Direction direction;
+    std::uint8_t was;     ///< the byte as it was sent; 0 for a byte from nowhere
+    std::uint8_t became;  ///< the byte as it arrives; 0 for a byte that is lost
+};
+
 class Line {
   public:
     struct Settings {
-        /// The module's bytes take 10 bit times each; without it they take none.
+        /// The module's bytes take their bit times, as the tool's do; without it they take none.
         bool paced = true;
         /// The tool's bytes take no time, for a tool that does not wait until its bytes have left.
         bool instant = false;
@@ -57,9 +67,17 @@ class Line {
     /// The module loses its power and gets it back.
     void power_cycle(Micros now);
 
+    /// How long the bytes of both directions have taken so far, and how long the module has let its
+    /// answers wait.
+    [[nodiscard]] Micros busy() const { return busy_; }
+    [[nodiscard]] Micros delayed() const { return delayed_; }
+
     [[nodiscard]] bool unplugged() const { return unplugged_; }
     void unplug() { unplugged_ = true; }
     [[nodiscard]] const std::vector<TracedByte>& trace() const { return trace_; }
+
+    /// What the faults have done so far, in the order in which it was done.
+    [[nodiscard]] const std::vector<Strike>& strikes() const { return strikes_; }
 
   private:
     struct Transit {
@@ -78,6 +96,7 @@ class Line {
     };
 
     void enqueue(Direction direction, Transit transit);
+    void note_strike(const Fault& fault, Micros time, std::uint8_t was, std::uint8_t became);
     void deliver_to_module(const Transit& transit);
     void carry(Wire& wire, Micros now);
     void happen(const Fault& fault, Micros now);
@@ -96,7 +115,10 @@ class Line {
     unsigned host_baud_ = 115200;
     bool host_even_parity_ = false;
     bool unplugged_ = false;
+    Micros busy_ = 0;
+    Micros delayed_ = 0;
     std::vector<TracedByte> trace_;
+    std::vector<Strike> strikes_;
 };
 
 }  // namespace orbix::sim

@@ -22,6 +22,12 @@ inline constexpr Micros milliseconds(std::uint64_t count) {
     return count * 1000;
 }
 
+/// When something came in, from its first byte to its last.
+struct Span {
+    Micros begin;
+    Micros end;
+};
+
 /// What a model says while it handles a byte or wakes up. The line carries it on.
 class Wire {
   public:
@@ -68,6 +74,10 @@ class Model {
 
     /// Whether the module expects even parity.
     bool even_parity = false;
+
+    /// How many bit times a byte takes: start bit, eight data bits, stop bit, and the parity bit
+    /// where there is one.
+    [[nodiscard]] virtual unsigned byte_bits() const { return even_parity ? 11 : 10; }
 
     /// Power comes on, or comes back: everything but the flash is as after a start.
     virtual void power_on(Micros now, Wire& wire) = 0;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "checksums.h"
+
 namespace orbix::sim {
 
 namespace {
@@ -26,17 +28,7 @@ AppLoader::Settings boot_loader() {
     return settings;
 }
 
-/// The two sums of a frame, from its class to the end of its payload.
-std::array<std::uint8_t, 2> fletcher(std::span<const std::uint8_t> bytes) {
-    unsigned a = 0;
-    unsigned b = 0;
-    for (const std::uint8_t byte : bytes) {
-        a = (a + byte) % 256;
-        b = (b + a) % 256;
-    }
-    return {static_cast<std::uint8_t>(a), static_cast<std::uint8_t>(b)};
-}
-
+/// The sums of a frame go from its class to the end of its payload.
 bool is_reset(std::span<const std::uint8_t> frame) {
     const std::array<std::uint8_t, 4> payload{0x00, 0x00, 0x44, 0x00};
     const auto sums = fletcher(frame.subspan(2, 8));

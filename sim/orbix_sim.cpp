@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "catalogue.h"
 #include "core/support_table.h"
@@ -16,6 +17,7 @@ using orbix::sim::Model;
 using orbix::sim::PtySettings;
 
 constexpr int usage_error = 2;
+constexpr std::size_t most_modules = 1000;
 
 void print_help(std::FILE* out) {
     std::fprintf(
@@ -29,6 +31,8 @@ void print_help(std::FILE* out) {
         "tenth of a second the module restarts; its flash keeps what was written.\n"
         "\n"
         "  --link PATH    make a symbolic link to the port, and print that instead\n"
+        "  --count N      serve N modules of that name, each on a port of its own (links and\n"
+        "                 dumps then have .1, .2 and so on behind their names)\n"
         "  --rate N       the rate at which the module starts (default 115200)\n"
         "  --pace         let the module's bytes flow at the line's rate too, as the tool's do\n"
         "  --instant      let bytes take no time, for programs that do not wait for the line\n"
@@ -72,6 +76,7 @@ bool write_dump(const std::string& path, Model& model) {
 int main(int argc, char** argv) {
     enum Option : int {
         o_link = 1,
+        o_count,
         o_rate,
         o_pace,
         o_instant,
@@ -83,6 +88,7 @@ int main(int argc, char** argv) {
     };
     const option long_options[] = {
         {"link", required_argument, nullptr, o_link},
+        {"count", required_argument, nullptr, o_count},
         {"rate", required_argument, nullptr, o_rate},
         {"pace", no_argument, nullptr, o_pace},
         {"instant", no_argument, nullptr, o_instant},
@@ -96,11 +102,20 @@ int main(int argc, char** argv) {
     PtySettings settings;
     std::string dump_path;
     unsigned start_rate = 0;
+    std::size_t count = 1;
     for (int letter = getopt_long(argc, argv, "h", long_options, nullptr); letter != -1;
          letter = getopt_long(argc, argv, "h", long_options, nullptr)) {
         switch (letter) {
             case o_link:
                 settings.link = optarg;
+                break;
+            case o_count:
+                count = std::strtoul(optarg, nullptr, 10);
+                if (count == 0 || count > most_modules) {
+                    std::fprintf(stderr, "orbix_sim: --count takes a number from 1 to %zu\n",
+                                 most_modules);
+                    return usage_error;
+                }
                 break;
             case o_rate:
                 start_rate = static_cast<unsigned>(std::strtoul(optarg, nullptr, 10));
@@ -147,18 +162,23 @@ int main(int argc, char** argv) {
         print_help(stderr);
         return usage_error;
     }
-    const std::unique_ptr<Model> model = orbix::sim::make_model(argv[optind]);
-    if (model == nullptr) {
-        std::fprintf(stderr, "orbix_sim: no simulated model \"%s\"; --list prints them all\n",
-                     argv[optind]);
-        return usage_error;
+    std::vector<std::unique_ptr<Model>> models(count);
+    for (auto& model : models) {
+        model = orbix::sim::make_model(argv[optind]);
+        if (model == nullptr) {
+            std::fprintf(stderr, "orbix_sim: no simulated model \"%s\"; --list prints them all\n",
+                         argv[optind]);
+            return usage_error;
+        }
+        if (start_rate != 0) {
+            model->start_baud = start_rate;
+        }
     }
-    if (start_rate != 0) {
-        model->start_baud = start_rate;
-    }
-    int status = orbix::sim::serve_on_pty(*model, settings);
-    if (!dump_path.empty() && !write_dump(dump_path, *model)) {
-        status = 1;
+    int status = orbix::sim::serve_on_pty(models, settings);
+    for (std::size_t number = 0; number < count && !dump_path.empty(); ++number) {
+        const std::string path =
+            count == 1 ? dump_path : dump_path + "." + std::to_string(number + 1);
+        status = write_dump(path, *models[number]) ? status : 1;
     }
     return status;
 }

@@ -14,8 +14,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <filesystem>
 #include <optional>
+#include <vector>
 
 #include "line.h"
 #include "terminal_rate.h"
@@ -31,6 +33,9 @@ constexpr std::size_t adapter_packet = 64;
 /// restarts: a run that closes its port to open it again keeps its module.
 constexpr Micros closed_poll = milliseconds(5);
 constexpr Micros closed_restart = milliseconds(100);
+
+/// How late a timer wakes the process, most of the time.
+constexpr Micros late_timer = 60;
 
 volatile std::sig_atomic_t stop_requested = 0;
 
@@ -136,76 +141,188 @@ class StopSignals {
     sigset_t while_waiting_{};
 };
 
-/// Waits for bytes of the tool until `deadline`. Returns the poll events, 0 on time-out.
-int wait_for_tool(const Master& master, std::optional<Micros> deadline,
-                  const StopSignals& signals) {
-    pollfd entry{.fd = master.descriptor(), .events = POLLIN, .revents = 0};
-    timespec left{};
-    if (deadline) {
-        const Micros now = real_now();
-        const Micros wait = *deadline > now ? *deadline - now : 0;
-        left = {static_cast<time_t>(wait / 1'000'000), static_cast<long>(wait % 1'000'000 * 1000)};
+/// Waits for bytes of a tool until the deadline, with the ports that are to be looked at in
+/// `entries`. A timer wakes a process some ten microseconds late, which a dialogue of many short
+/// exchanges would feel: the very end of the wait is spent looking.
+void wait_for_tools(std::vector<pollfd>& entries, std::optional<Micros> deadline,
+                    const StopSignals& signals) {
+    const auto wait = [&entries, &signals](const timespec* limit) {
+        return ppoll(entries.data(), entries.size(), limit, signals.while_waiting());
+    };
+    if (!deadline) {
+        wait(nullptr);
+        return;
     }
-    const int ready = ppoll(&entry, 1, deadline ? &left : nullptr, signals.while_waiting());
-    return ready > 0 ? entry.revents : 0;
+    Micros now = real_now();
+    if (*deadline > now + late_timer) {
+        const Micros left = *deadline - now - late_timer;
+        const timespec limit{static_cast<time_t>(left / 1'000'000),
+                             static_cast<long>(left % 1'000'000 * 1000)};
+        if (wait(&limit) != 0) {
+            return;
+        }
+    }
+    const timespec at_once{};
+    while (wait(&at_once) == 0 && real_now() < *deadline) {
+    }
+}
+
+/// One module on a pseudo-terminal of its own.
+class Served {
+  public:
+    Served(Model& model, const PtySettings& settings, const std::string& link, std::uint64_t seed)
+        : model_(model),
+          master_(std::in_place),
+          link_(link, master_->usable() ? master_->port() : ""),
+          port_(link.empty() && master_->usable() ? master_->port() : link),
+          line_(model, settings.faults,
+                {.paced = settings.paced,
+                 .instant = settings.instant,
+                 .packet = adapter_packet,
+                 .traced = false,
+                 .seed = seed},
+                real_now()) {}
+
+    [[nodiscard]] bool usable() const { return master_->usable(); }
+    [[nodiscard]] const Link& link() const { return link_; }
+    [[nodiscard]] const std::string& port() const { return port_; }
+    [[nodiscard]] bool unplugged() const { return line_.unplugged(); }
+
+    /// The port, to be waited at; not while it is closed and its next look is not due, since a
+    /// closed port never lets anybody wait.
+    [[nodiscard]] pollfd entry(Micros now) const {
+        const bool watched = !unplugged() && (!closed_ || now >= next_look_);
+        return {.fd = watched ? master_->descriptor() : -1, .events = POLLIN, .revents = 0};
+    }
+
+    /// When `serve` is due even if no byte comes.
+    [[nodiscard]] std::optional<Micros> next_event() const {
+        if (unplugged()) {
+            return std::nullopt;
+        }
+        return closed_ ? next_look_ : line_.next_event();
+    }
+
+    /// Takes what the tool has sent, if the port's events tell so, and hands over what is due.
+    void serve(int events) {
+        if ((events & (POLLIN | POLLHUP)) == POLLHUP) {
+            wait_closed();
+            return;
+        }
+        closed_ = false;
+        line_.set_host_rate(terminal_rate(master_->descriptor()), model_.even_parity);
+        if ((events & POLLIN) != 0) {
+            take_sent();
+        }
+        last_open_ = real_now();
+        line_.run_until(last_open_);
+        master_->write_all(line_.take_arrived(real_now()));
+        if (unplugged()) {
+            master_.reset();  // the tool sees the device vanish
+        }
+    }
+
+  private:
+    void take_sent() {
+        std::array<std::uint8_t, 4096> bytes{};
+        const ssize_t count = read(master_->descriptor(), bytes.data(), bytes.size());
+        if (count > 0) {
+            in_use_ = true;
+            const auto sent = std::span(bytes).first(static_cast<std::size_t>(count));
+            // When the bytes arrive is known now; the model may hear them ahead of time, its
+            // answers wait in the line until theirs has come.
+            line_.run_until(line_.send(sent, real_now()));
+        }
+    }
+
+    void wait_closed() {
+        const Micros now = real_now();
+        closed_ = true;
+        if (in_use_ && now - last_open_ > closed_restart) {
+            in_use_ = false;
+            line_.power_cycle(now);
+        }
+        line_.run_until(now);
+        line_.take_arrived(now);  // nobody hears them
+        next_look_ = now + closed_poll;
+        if (unplugged()) {
+            master_.reset();
+        }
+    }
+
+    Model& model_;
+    std::optional<Master> master_;
+    Link link_;
+    std::string port_;
+    Line line_;
+    bool in_use_ = false;
+    bool closed_ = false;
+    Micros last_open_ = 0;  ///< when something happened at the open port
+    Micros next_look_ = 0;  ///< at the closed one
+};
+
+/// Whether all have their ports and links; otherwise a line on standard error tells why.
+bool ready(const std::deque<Served>& modules) {
+    for (const Served& module : modules) {
+        if (!module.usable()) {
+            std::fprintf(stderr, "orbix_sim: no pseudo-terminal: %s\n", std::strerror(errno));
+            return false;
+        }
+        if (module.link().error()) {
+            std::fprintf(stderr, "orbix_sim: cannot make the link %s: %s\n", module.port().c_str(),
+                         module.link().error().message().c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+std::optional<Micros> next_event(const std::deque<Served>& modules) {
+    std::optional<Micros> next;
+    for (const Served& module : modules) {
+        const auto event = module.next_event();
+        next = event && next ? std::min(*event, *next) : event ? event : next;
+    }
+    return next;
 }
 
 }  // namespace
 
-int serve_on_pty(Model& model, const PtySettings& settings) {
+int serve_on_pty(std::span<const std::unique_ptr<Model>> models, const PtySettings& settings) {
     const StopSignals signals;
     prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
-    const Master master;
-    if (!master.usable()) {
-        std::fprintf(stderr, "orbix_sim: no pseudo-terminal: %s\n", std::strerror(errno));
+    std::deque<Served> modules;
+    for (std::size_t number = 0; number < models.size(); ++number) {
+        const bool named = settings.link.empty() || models.size() == 1;
+        const std::string link = settings.link + (named ? "" : "." + std::to_string(number + 1));
+        modules.emplace_back(*models[number], settings, link, settings.seed + number);
+    }
+    if (!ready(modules)) {
         return 1;
     }
-    const Link link(settings.link, master.port());
-    if (link.error()) {
-        std::fprintf(stderr, "orbix_sim: cannot make the link %s: %s\n", settings.link.c_str(),
-                     link.error().message().c_str());
-        return 1;
+    for (const Served& module : modules) {
+        std::printf("%s\n", module.port().c_str());
     }
-    std::printf("%s\n", settings.link.empty() ? master.port().c_str() : settings.link.c_str());
     std::fflush(stdout);
 
-    Line line(model, settings.faults,
-              {.paced = settings.paced,
-               .instant = settings.instant,
-               .packet = adapter_packet,
-               .traced = false,
-               .seed = settings.seed},
-              real_now());
-    bool in_use = false;
-    Micros last_open = real_now();
-    while (stop_requested == 0 && !line.unplugged()) {
-        const int events = wait_for_tool(master, line.next_event(), signals);
-        const unsigned rate = terminal_rate(master.descriptor());
-        line.set_host_rate(rate, model.even_parity);
-        if ((events & POLLIN) != 0) {
-            std::array<std::uint8_t, 4096> bytes{};
-            const ssize_t count = read(master.descriptor(), bytes.data(), bytes.size());
-            if (count > 0) {
-                in_use = true;
-                const auto sent = std::span(bytes).first(static_cast<std::size_t>(count));
-                // When the bytes arrive is known now; the model may hear them ahead of time, its
-                // answers wait in the line until theirs has come.
-                line.run_until(line.send(sent, real_now()));
+    std::vector<pollfd> entries(modules.size());
+    const auto any_plugged = [&modules] {
+        return !std::ranges::all_of(modules, &Served::unplugged);
+    };
+    while (stop_requested == 0 && any_plugged()) {
+        const Micros now = real_now();
+        std::ranges::transform(modules, entries.begin(),
+                               [now](const Served& module) { return module.entry(now); });
+        wait_for_tools(entries, next_event(modules), signals);
+        const Micros woken = real_now();
+        for (std::size_t number = 0; number < modules.size(); ++number) {
+            Served& module = modules[number];
+            const std::optional<Micros> event = module.next_event();
+            const bool due = event && *event <= woken;
+            if (entries[number].fd >= 0 && (due || entries[number].revents != 0)) {
+                module.serve(entries[number].revents);
             }
-        } else if ((events & POLLHUP) != 0) {
-            if (in_use && real_now() - last_open > closed_restart) {
-                in_use = false;
-                line.power_cycle(real_now());
-            }
-            const timespec pause{0, static_cast<long>(closed_poll * 1000)};
-            ppoll(nullptr, 0, &pause, signals.while_waiting());
-            line.take_arrived(real_now());  // nobody hears them
-            line.run_until(real_now());
-            continue;
         }
-        last_open = real_now();
-        line.run_until(last_open);
-        master.write_all(line.take_arrived(real_now()));
     }
     return 0;
 }

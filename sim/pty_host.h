@@ -1,7 +1,9 @@
-// Serves a model on a pseudo-terminal, in real time.
+// Serves models on pseudo-terminals, in real time.
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -11,17 +13,19 @@
 namespace orbix::sim {
 
 struct PtySettings {
-    std::string link;      ///< a symbolic link to the port, made and removed again; empty for none
+    /// A symbolic link to the port, made and removed again; empty for none. Several modules have
+    /// ".1", ".2" and so on behind it.
+    std::string link;
     bool paced = false;    ///< the module's bytes take their time on the line
     bool instant = false;  ///< the tool's bytes take none
     std::vector<Fault> faults;
     std::uint64_t seed = 1;
 };
 
-/// Prints the port's name as the first line of standard output, then serves until SIGINT or
-/// SIGTERM, or until a fault unplugs the port. When the port has been closed for a tenth of a
-/// second the module restarts, as one whose reset hangs on DTR. Returns 0, or 1 after a line on
+/// Prints the name of each module's port on a line of its own, then serves them all until SIGINT or
+/// SIGTERM, or until faults have unplugged all ports. When a port has been closed for a tenth of a
+/// second its module restarts, as one whose reset hangs on DTR. Returns 0, or 1 after a line on
 /// standard error.
-int serve_on_pty(Model& model, const PtySettings& settings);
+int serve_on_pty(std::span<const std::unique_ptr<Model>> models, const PtySettings& settings);
 
 }  // namespace orbix::sim

@@ -1,5 +1,8 @@
 #include "rx7040_module.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace orbix::sim {
 
 namespace {
@@ -25,7 +28,8 @@ AppLoader::Settings boot_loader() {
 
 }  // namespace
 
-Rx7040Module::Rx7040Module(Behaviour behaviour) : AppLoader(boot_loader()), behaviour_(behaviour) {}
+Rx7040Module::Rx7040Module(Behaviour behaviour)
+    : AppLoader(boot_loader()), behaviour_(std::move(behaviour)) {}
 
 void Rx7040Module::power_on(Micros now, Wire& wire) {
     AppLoader::power_on(now, wire);
@@ -33,6 +37,12 @@ void Rx7040Module::power_on(Micros now, Wire& wire) {
     heard_.clear();
     loader_code_.clear();
     stored_ = 0;
+}
+
+bool Rx7040Module::loader_runs() const {
+    const auto& code = behaviour_.loader_code;
+    return behaviour_.loader_starts && loader_code_.size() >= code.size() &&
+           std::equal(code.begin(), code.end(), loader_code_.begin());
 }
 
 bool Rx7040Module::heard(std::string_view word) const {
@@ -65,7 +75,7 @@ void Rx7040Module::receive(std::uint8_t byte, Micros now, Wire& wire) {
             break;
         case Stage::taking_loader:
             take_xmodem_byte(byte, now, wire);
-            if (receiver_.is_over() && behaviour_.loader_starts) {
+            if (receiver_.is_over() && loader_runs()) {
                 stage_ = Stage::loader_starts;
                 stage_ends_ = now + behaviour_.loader_start_time;
             }

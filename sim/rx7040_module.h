@@ -16,7 +16,8 @@ namespace orbix::sim {
 class Rx7040Module : public AppLoader {
   public:
     struct Behaviour {
-        bool loader_starts = true;     ///< the loader package is a good one
+        bool loader_starts = true;                   ///< the loader package is a good one
+        std::vector<std::uint8_t> loader_code = {};  ///< only this runs; empty: any
         bool loader_has_words = true;  ///< an older loader answers a command with 'C's alone
         std::string_view verdict = "Download success\r\n";  ///< on the firmware package
         Micros loader_start_time = milliseconds(80);
@@ -60,6 +61,7 @@ class Rx7040Module : public AppLoader {
         finished,
     };
 
+    [[nodiscard]] bool loader_runs() const;
     [[nodiscard]] bool heard(std::string_view word) const;
     void take_xmodem_byte(std::uint8_t byte, Micros now, Wire& wire);
     void start_firmware(Micros now, Wire& wire);

@@ -79,7 +79,10 @@ ToolRun::ToolRun(Model& module, const std::vector<std::string>& arguments, Condi
     }
     output = log.text();
     duration_ms = (port.now - VirtualPort::start) / 1000;
+    line_busy = line.busy();
+    module_busy = line.delayed();
     trace = line.trace();
+    strikes = line.strikes();
     for (const auto& byte : trace) {
         (byte.direction == Direction::to_module ? sent : received).push_back(byte.byte);
     }

@@ -36,7 +36,10 @@ class ToolRun {
     Bytes sent;                     ///< what the module's end of the line received, as it was sent
     Bytes received;                 ///< what arrived at the tool
     std::vector<TracedByte> trace;  ///< both directions with their times, if traced
+    std::vector<Strike> strikes;    ///< what the faults have done
     std::uint64_t duration_ms = 0;
+    Micros line_busy = 0;         ///< how long the bytes of both directions took
+    Micros module_busy = 0;       ///< how long the module let its answers wait
     bool hit_time_limit = false;  ///< the run was cut off, it would not have ended
 
     /// What the tool did with the port.

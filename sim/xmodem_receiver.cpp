@@ -16,6 +16,9 @@ constexpr std::size_t block_size = 1029;
 constexpr Micros request_interval = milliseconds(100);
 constexpr Micros byte_timeout = milliseconds(1000);
 
+/// A damaged block may have any length: it is over once the line has been silent for this long.
+constexpr Micros purge_silence = milliseconds(100);
+
 }  // namespace
 
 void XmodemReceiver::start(Micros first_request, Sink sink) {
@@ -26,28 +29,34 @@ void XmodemReceiver::start(Micros first_request, Sink sink) {
 
 std::optional<std::uint8_t> XmodemReceiver::push(std::uint8_t byte, Micros now) {
     last_byte_ = now;
+    if (purging_) {
+        return std::nullopt;
+    }
     if (block_.empty() && byte == end_of_transfer && has_begun()) {
         is_over_ = true;
         return acknowledge;
     }
     if (block_.empty() && byte != start_of_block) {
+        purging_ = has_begun() && !is_over_;  // before, the host may still be calling
         return std::nullopt;
     }
     block_.push_back(byte);
     if (block_.size() < block_size) {
         return std::nullopt;
     }
-    const std::uint8_t answer = judge_block();
+    const auto answer = judge_block();
     block_.clear();
+    purging_ = !answer;
     return answer;
 }
 
-std::uint8_t XmodemReceiver::judge_block() {
+/// Returns the answer to a whole block; nothing for a damaged one, which is refused later.
+std::optional<std::uint8_t> XmodemReceiver::judge_block() {
     const auto data = std::span(block_).subspan(3, 1024);
     const unsigned number = block_[1];
     const unsigned crc = block_[1027] * 256U + block_[1028];
     if (number + block_[2] != 0xFF || crc != module_crc16(data)) {
-        return refuse;
+        return std::nullopt;
     }
     if (number == ((next_number_ - 1) & 0xFF) && has_begun()) {
         return acknowledge;  // sent again: our answer was lost
@@ -60,6 +69,9 @@ std::uint8_t XmodemReceiver::judge_block() {
 }
 
 std::optional<Micros> XmodemReceiver::timeout_at() const {
+    if (purging_) {
+        return last_byte_ + purge_silence;
+    }
     if (!block_.empty()) {
         return last_byte_ + byte_timeout;
     }
@@ -67,7 +79,8 @@ std::optional<Micros> XmodemReceiver::timeout_at() const {
 }
 
 std::uint8_t XmodemReceiver::timeout(Micros now) {
-    if (!block_.empty()) {
+    if (purging_ || !block_.empty()) {
+        purging_ = false;
         block_.clear();
         return refuse;
     }

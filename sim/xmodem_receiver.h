@@ -33,7 +33,7 @@ class XmodemReceiver {
     [[nodiscard]] bool is_over() const { return is_over_; }
 
   private:
-    std::uint8_t judge_block();
+    std::optional<std::uint8_t> judge_block();
 
     Sink sink_;
     std::vector<std::uint8_t> block_;
@@ -41,6 +41,7 @@ class XmodemReceiver {
     Micros next_request_ = 0;
     Micros last_byte_ = 0;
     bool is_over_ = false;
+    bool purging_ = false;  ///< what comes in belongs to a damaged block
 };
 
 }  // namespace orbix::sim

@@ -11,12 +11,25 @@ namespace {
 constexpr std::uint8_t accepted_byte = 0x79;
 constexpr std::uint8_t refused_byte = 0x1F;
 constexpr std::uint8_t synchronisation_byte = 0x7F;
-constexpr std::uint8_t command_erase = 0x43;
+constexpr std::uint8_t command_get = 0x00;
+constexpr std::uint8_t command_get_version = 0x01;
+constexpr std::uint8_t command_get_id = 0x02;
 constexpr std::uint8_t command_write_memory = 0x31;
+constexpr std::uint8_t command_erase = 0x43;
+constexpr std::uint8_t command_extended_erase = 0x44;
+
+/// What it says of itself: version 3.1 of the loader, and a controller of 1 MiB in pages of 2048
+/// bytes.
+constexpr std::uint8_t loader_version = 0x31;
+constexpr std::array<std::uint8_t, 2> controller_id{0x04, 0x15};
+
+/// The extended erase: from here on the count means a whole bank, or everything.
+constexpr std::size_t special_erase = 0xFFF0;
 
 /// A block holds at most 256 bytes: one length byte counts them, less one.
 constexpr std::size_t page_packet = 3;
 constexpr std::size_t address_packet = 5;
+constexpr std::size_t shortest_pages_packet = 3;
 
 constexpr AppLoader::Settings mcu_settings{.address = 2,
                                            .flash_base = 0,
@@ -66,9 +79,15 @@ void Zpx710pRomLoader::receive(std::uint8_t byte, Micros now, Wire& wire) {
     if (awaited_ == Question::synchronisation && byte != synchronisation_byte) {
         return;  // the rate is not found yet
     }
+    if (packet_.empty()) {
+        packet_begun_ = now;
+    }
     packet_.push_back(byte);
     if (awaited_ == Question::data && packet_.size() == 1) {
         expected_ = byte + 3U;
+    } else if (awaited_ == Question::pages && packet_.size() == 2) {
+        const std::size_t count = packet_[0] * 256U + packet_[1];
+        expected_ = count >= special_erase ? shortest_pages_packet : 2 + 2 * (count + 1) + 1;
     }
     if (packet_.size() == expected_) {
         handle_packet(now, wire);
@@ -78,27 +97,23 @@ void Zpx710pRomLoader::receive(std::uint8_t byte, Micros now, Wire& wire) {
 void Zpx710pRomLoader::handle_packet(Micros now, Wire& wire) {
     switch (awaited_) {
         case Question::synchronisation:
+            ++synchronisations_;
             answer(true, 0, now, wire);
             await(Question::command, 2);
             return;
-        case Question::command: {
-            const std::uint8_t command = packet_[0];
-            const bool known = command == command_erase || command == command_write_memory;
-            const bool accepted = known && packet_[1] == (command ^ 0xFF);
-            answer(accepted, 0, now, wire);
-            if (!accepted) {
-                await(Question::command, 2);
-            } else if (command == command_erase) {
-                await(Question::page, page_packet);
-            } else {
-                await(Question::address, address_packet);
-            }
+        case Question::command:
+            handle_command(now, wire);
             return;
-        }
         case Question::page:
             answer(erase_page(), erase_time, now, wire);
             await(Question::command, 2);
             return;
+        case Question::pages: {
+            const Micros duration = erase_time * std::max<std::size_t>(1, packet_.size() / 2 - 1);
+            answer(erase_pages(), duration, now, wire);
+            await(Question::command, 2);
+            return;
+        }
         case Question::address: {
             const bool accepted = take_address();
             answer(accepted, 0, now, wire);
@@ -110,6 +125,54 @@ void Zpx710pRomLoader::handle_packet(Micros now, Wire& wire) {
             await(Question::command, 2);
             return;
     }
+}
+
+void Zpx710pRomLoader::handle_command(Micros now, Wire& wire) {
+    const std::uint8_t command = packet_[0];
+    const bool whole = packet_[1] == (command ^ 0xFF);
+    Question next = Question::command;
+    std::size_t bytes = 2;
+    std::vector<std::uint8_t> report;
+    switch (command) {
+        case command_get:
+            report = {6,
+                      loader_version,
+                      command_get,
+                      command_get_version,
+                      command_get_id,
+                      command_write_memory,
+                      command_erase,
+                      command_extended_erase};
+            break;
+        case command_get_version:
+            report = {loader_version, 0, 0};
+            break;
+        case command_get_id:
+            report = {1, controller_id[0], controller_id[1]};
+            break;
+        case command_write_memory:
+            next = Question::address;
+            bytes = address_packet;
+            break;
+        case command_erase:
+            next = Question::page;
+            bytes = page_packet;
+            break;
+        case command_extended_erase:
+            next = Question::pages;
+            bytes = shortest_pages_packet;
+            break;
+        default:
+            answer(false, 0, now, wire);
+            await(Question::command, 2);
+            return;
+    }
+    answer(whole, 0, now, wire);
+    if (whole && !report.empty()) {
+        report.push_back(accepted_byte);
+        wire.send(report);
+    }
+    await(whole ? next : Question::command, whole ? bytes : 2);
 }
 
 /// With its checksum, the XOR of a packet is 0.
@@ -132,7 +195,25 @@ bool Zpx710pRomLoader::erase_page() {
     return true;
 }
 
+/// The standard erase names its pages, or means all of them.
+bool Zpx710pRomLoader::erase_pages() {
+    if (!packet_sums_up()) {
+        return false;
+    }
+    const auto cells = static_cast<std::uint32_t>(flash_.cells().size());
+    if (packet_.size() == shortest_pages_packet) {
+        return packet_[0] == 0xFF && packet_[1] == 0xFF && flash_.erase(flash_base, cells);
+    }
+    bool erased = true;
+    for (std::size_t at = 2; at + 1 < packet_.size(); at += 2) {
+        const std::uint32_t page = packet_[at] * 256U + packet_[at + 1];
+        erased = erased && flash_.erase(flash_base + page * page_size, page_size);
+    }
+    return erased;
+}
+
 bool Zpx710pRomLoader::take_address() {
+    address_packet_ = packet_;
     address_ = 0;
     for (std::size_t index = 0; index < 4; ++index) {
         address_ = address_ << 8 | packet_[index];
@@ -142,7 +223,13 @@ bool Zpx710pRomLoader::take_address() {
 
 bool Zpx710pRomLoader::program() {
     const auto data = std::span(packet_).subspan(1, packet_.size() - 2);
-    return packet_sums_up() && flash_.program(address_, data);
+    if (!packet_sums_up() || !flash_.program(address_, data)) {
+        return false;
+    }
+    took_address_for_data_ |=
+        packet_.size() > address_packet &&
+        std::equal(address_packet_.begin(), address_packet_.end(), packet_.begin());
+    return true;
 }
 
 void Zpx710pRomLoader::await(Question next, std::size_t bytes) {
@@ -155,6 +242,9 @@ void Zpx710pRomLoader::answer(bool accepted, Micros duration, Micros now, Wire& 
     std::vector<std::uint8_t> bytes{accepted ? accepted_byte : refused_byte};
     if (tamper) {
         tamper(awaited_, bytes);
+    }
+    if (accepted && awaited_ != Question::synchronisation) {
+        accepted_packets_.push_back({packet_begun_, now});
     }
     const Micros delay = accepted ? duration : 0;
     busy_until_ = now + delay;
@@ -262,6 +352,10 @@ void Zpx710p::receive(std::uint8_t byte, Micros now, Wire& wire) {
 
 std::optional<Micros> Zpx710p::wake_time() const {
     return asked_ ? used().wake_time() : std::nullopt;
+}
+
+unsigned Zpx710p::byte_bits() const {
+    return asked_ ? used().byte_bits() : Model::byte_bits();
 }
 
 std::vector<std::uint8_t> make_vnc_frame(std::uint8_t group, std::uint8_t number,

@@ -12,8 +12,10 @@
 namespace orbix::sim {
 
 /// The main controller started into its ROM: the USART protocol of the STM32 system-memory boot
-/// loader (ST application note AN3155), at even parity, with two commands. A command that fails is
-/// over: what follows is taken for the next command.
+/// loader (ST application note AN3155), at even parity. Besides the two commands of a download it
+/// tells its version, its commands and its controller, and erases pages that are named, as a
+/// general programmer for such loaders asks it to. A command that fails is over: what follows is
+/// taken for the next command.
 class Zpx710pRomLoader : public Model {
   public:
     static constexpr std::uint32_t flash_base = 0x08000000;
@@ -29,11 +31,20 @@ class Zpx710pRomLoader : public Model {
     [[nodiscard]] Flash& flash() override { return flash_; }
 
     /// What the loader answers.
-    enum class Question : std::uint8_t { synchronisation, command, page, address, data };
+    enum class Question : std::uint8_t { synchronisation, command, page, pages, address, data };
 
     /// A test's way of making the loader misbehave: called with what it answers and the answer; may
     /// change the answer, or empty it for silence.
     std::function<void(Question question, std::vector<std::uint8_t>& answer)> tamper;
+
+    /// The packets that it took for good ones since the object exists; the synchronisation is none.
+    [[nodiscard]] const std::vector<Span>& accepted_packets() const { return accepted_packets_; }
+
+    /// How often it has been synchronised since the object exists.
+    [[nodiscard]] int synchronisations() const { return synchronisations_; }
+
+    /// Whether it has programmed what began as the address that it had just taken.
+    [[nodiscard]] bool took_address_for_data() const { return took_address_for_data_; }
 
     Micros start_time = 0;                  ///< from power-on until it listens
     Micros erase_time = milliseconds(25);   ///< a page
@@ -41,8 +52,10 @@ class Zpx710pRomLoader : public Model {
 
   private:
     void handle_packet(Micros now, Wire& wire);
+    void handle_command(Micros now, Wire& wire);
     [[nodiscard]] bool packet_sums_up() const;
     bool erase_page();
+    bool erase_pages();
     bool take_address();
     bool program();
     void await(Question next, std::size_t bytes);
@@ -55,6 +68,11 @@ class Zpx710pRomLoader : public Model {
     Micros busy_until_ = 0;
     std::uint32_t next_page_ = 0;
     std::uint32_t address_ = 0;
+    Micros packet_begun_ = 0;
+    std::vector<Span> accepted_packets_;
+    int synchronisations_ = 0;
+    std::vector<std::uint8_t> address_packet_;
+    bool took_address_for_data_ = false;
 };
 
 /// The module as it runs.
@@ -91,11 +109,13 @@ class Zpx710pModule : public Model {
 };
 
 /// Either of the two, as the first byte after a start asks for it. Serves a pseudo-terminal, which
-/// knows no parity: the parity of the ROM loader is not checked.
+/// knows no parity: the parity of the ROM loader is not checked, but its bytes take the time of
+/// one.
 class Zpx710p : public Model {
   public:
     void power_on(Micros now, Wire& wire) override;
     void receive(std::uint8_t byte, Micros now, Wire& wire) override;
+    [[nodiscard]] unsigned byte_bits() const override;
     [[nodiscard]] std::optional<Micros> wake_time() const override;
     void wake(Micros now, Wire& wire) override { used().wake(now, wire); }
 

@@ -11,6 +11,7 @@
 
 #include "ag3335/byte_functions.h"
 #include "core/firmware_file.h"
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/options.h"
 
@@ -162,6 +163,11 @@ int write_selected_images(Package& package, const WriteImage& write_image) {
     auto_find_upgrade_file(package, layout);  // without a layout there is nothing to write
     if (layout.too_many) {
         return -1;
+    }
+    if (std::ranges::none_of(layout.entries, [&package](const LayoutEntry& entry) {
+            return is_selected(package, entry);
+        })) {
+        hints::give("the package has no image to write: the module is erased, and stays empty\n");
     }
     for (const LayoutEntry& entry : layout.entries) {
         if (!is_selected(package, entry)) {

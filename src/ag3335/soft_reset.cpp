@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "ag3335/ag3335.h"
+#include "core/hints.h"
 #include "core/kv_log.h"
 
 namespace orbix::ag3335 {
@@ -45,6 +46,7 @@ int soft_reset(const std::string& port, unsigned baud) {
         std::array<std::uint8_t, answer_head.size()> answer{};
         serial_read(line.handle(), answer, 100);
         if (std::ranges::equal(answer, bytes_of(answer_head))) {
+            hints::synchronised();
             return 0;
         }
     }

@@ -108,15 +108,26 @@ std::vector<char*> family_arguments(int argc, char** argv) {
 int run_family(const Options& options, std::vector<char*> arguments) {
     const SupportRow* row = find_model(options.module);
     if (row == nullptr) {
+        hints::model_unknown(options.module);
         return -1;
     }
     const FamilyEntry entry = options.readback ? row->readback : row->upgrade;
     if (entry == nullptr) {
+        hints::readback_unknown(options.module);
         return -1;
     }
     const int count = static_cast<int>(arguments.size());
     arguments.push_back(nullptr);
-    return entry(count, arguments.data());
+    const int result = entry(count, arguments.data());
+    if (requested_status) {
+        return result;
+    }
+    if (result != 0) {
+        hints::explain_failure(options.module, *row, options.readback);
+    } else {
+        hints::explain_success();
+    }
+    return result;
 }
 
 void report(bool readback, int result) {
@@ -146,6 +157,7 @@ int flash_tool_main(int argc, char** argv) {
     log_info("Enter flash tool \n");
     if (argc <= 1) {
         usage(argc == 1 ? argv[0] : "orbix_flash");
+        hints::show_the_way();
         return -1;
     }
     if (has_argument(argc, argv, "-S")) {
@@ -157,15 +169,14 @@ int flash_tool_main(int argc, char** argv) {
     change_serail_dtr_rts(options.port.c_str(), static_cast<unsigned>(options.baud),
                           static_cast<unsigned>(options.dtr), static_cast<unsigned>(options.rts));
     if (options.module.empty()) {
-        return usage(argv[0]);
+        usage(argv[0]);
+        hints::show_the_way();
+        return 0;
     }
 
     const int result = run_family(options, family_arguments(argc, argv));
     if (requested_status) {
         return *requested_status;
-    }
-    if (result != 0) {
-        hints::explain_failure();
     }
     report(options.readback, result);
     return 0;

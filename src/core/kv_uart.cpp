@@ -51,6 +51,7 @@ unsigned timed_read(SerialHandle handle, std::span<std::uint8_t> buffer, unsigne
         // A read from a vanished device lasts as long as one from a silent one: the dialogues'
         // own limits then end the run at the usual time, without a spin.
         vanished = handle;
+        hints::port_vanished();
         sleep_ms(std::max(timeout_ms, 1U));
         count = 0;
     }
@@ -61,9 +62,11 @@ unsigned timed_read(SerialHandle handle, std::span<std::uint8_t> buffer, unsigne
 }
 
 unsigned plain_write(SerialHandle handle, std::span<const std::uint8_t> bytes) {
+    hints::called();
     const int count = platform::current().write(handle, bytes);
     if (count < 0) {
         vanished = handle;
+        hints::port_vanished();
         return 0;
     }
     return static_cast<unsigned>(count);
@@ -86,14 +89,14 @@ SerialHandle serial_open(const char* name, unsigned baud) {
     const SerialHandle handle = platform::current().open(name);
     if (handle == no_port) {
         const int reason = errno;
-        hints::port_not_opened(reason);
+        hints::port_not_opened(name, reason);
         errno = reason;
         return no_port;
     }
-    hints::port_opened();
     vanished = no_port;
     // No parity, both control fields off.
-    platform::current().set_settings(handle, {.baud = baud});
+    hints::rate_set(baud, platform::current().set_settings(handle, {.baud = baud}));
+    hints::answer_awaited();
     serial_CfgDTR(handle, dtr_state);
     serial_CfgRTS(handle, rts_state);
     return handle;
@@ -130,7 +133,9 @@ int serial_change_br(SerialHandle handle, unsigned baud) {
     }
     settings.baud = baud;
     settings.parity = platform::Parity::none;
-    return platform::current().set_settings(handle, settings) ? 0 : -2;
+    const bool taken = platform::current().set_settings(handle, settings);
+    hints::rate_set(baud, taken);
+    return taken ? 0 : -2;
 }
 
 int serial_close(SerialHandle handle) {

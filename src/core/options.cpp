@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/hints.h"
 #include "core/kv_log.h"
+#include "platform/platform.h"
 
 namespace orbix {
 
@@ -70,6 +72,8 @@ std::string device_of_port(const char* name) {
             return used;
         default:
             log_error("unknow dev %s\n", name);
+            hints::give("ports are named like %s, ttyUSB0, USB0 or COM6\n",
+                        platform::example_port());
             return {};
     }
 }

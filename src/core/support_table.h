@@ -17,6 +17,9 @@ struct SupportRow {
     ModelName names[25];
     FamilyEntry upgrade;
     FamilyEntry readback;  ///< null for a family that cannot read flash back
+    const char* page;      ///< of the documentation: docs/PAGE.md
+    /// What a typical command line has behind model and port.
+    const char* typical_options;
 };
 
 /// All families, in the order in which names are looked up and listed.

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 #include "families/monitor.h"
@@ -111,7 +112,11 @@ int Kv_Upgrade_SoftReset(SerialHandle handle, ResetHeader header) {
     }
     const bool accepted = payload.size() >= reset_accepted.size() &&
                           std::equal(reset_accepted.begin(), reset_accepted.end(), payload.begin());
-    return accepted ? 0 : wrong_acknowledgement;
+    if (!accepted) {
+        return wrong_acknowledgement;
+    }
+    hints::synchronised();
+    return 0;
 }
 
 }  // namespace orbix::monitor

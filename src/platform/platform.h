@@ -59,9 +59,20 @@ struct Backend {
     void (*sleep_us)(std::uint64_t microseconds);
 };
 
+/// To be called when the program starts: standard streams that the caller has closed lead nowhere
+/// from then on. Otherwise the port, or a file, would take the place of one, and what is printed
+/// would go there.
+void settle_standard_streams();
+
 /// What a person can do about a port that could not be opened, by the error number; null when there
 /// is nothing particular to say.
 const char* port_remedy(int error);
+
+/// For examples: how a port is called here.
+const char* example_port();
+
+/// Where a person finds the manual here.
+const char* manual();
 
 /// The back end of the system that the tool was built for.
 const Backend& native();

@@ -370,6 +370,14 @@ constexpr Backend posix_backend{
 
 }  // namespace
 
+void settle_standard_streams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(stream, F_GETFD) == -1) {
+            static_cast<void>(open("/dev/null", O_RDWR));  // takes the lowest free number: this one
+        }
+    }
+}
+
 const char* port_remedy(int error) {
     switch (error) {
         case ENOENT:
@@ -388,6 +396,14 @@ const char* port_remedy(int error) {
         default:
             return nullptr;
     }
+}
+
+const char* example_port() {
+    return "/dev/ttyUSB0";
+}
+
+const char* manual() {
+    return "man orbix_flash";
 }
 
 const Backend& native() {

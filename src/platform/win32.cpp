@@ -201,6 +201,10 @@ constexpr Backend win32_backend{
 
 }  // namespace
 
+void settle_standard_streams() {
+    // The C runtime keeps the places of missing streams free.
+}
+
 const char* port_remedy(int error) {
     switch (error) {
         case ENOENT:
@@ -212,6 +216,14 @@ const char* port_remedy(int error) {
         default:
             return nullptr;
     }
+}
+
+const char* example_port() {
+    return "COM6";
+}
+
+const char* manual() {
+    return "README.md";
 }
 
 const Backend& native() {

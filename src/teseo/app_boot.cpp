@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <initializer_list>
 #include <vector>
 
@@ -167,7 +166,7 @@ int write_image(SerialHandle handle, const char* path) {
     }
     if (sent != file_len) {
         // Nothing else would tell: the processor does not know how much it is to get.
-        std::fputs("hint: the image could not be read to its end\n", stderr);
+        hints::give("the image could not be read to its end\n");
         return -1;
     }
     return 0;

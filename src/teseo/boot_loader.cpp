@@ -135,6 +135,8 @@ int Kv_Start_Upgrade(SerialHandle handle, const BootLoaderFamily& family, Loader
         switch (family.scan(std::span(received).first(count), sentence)) {
             case Heard::accepted:
                 log_info("%s\n", sentence.c_str());
+                hints::synchronised();
+                hints::answer_awaited();  // of the boot loader
                 return 0;
             case Heard::refused:
                 log_error("An error occurs at the module end.\n");

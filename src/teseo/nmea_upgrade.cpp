@@ -1,7 +1,6 @@
 #include "teseo/nmea_upgrade.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <string_view>
 #include <vector>
 
@@ -148,7 +147,7 @@ int send_packets(SerialHandle handle, const NmeaUpgrade& upgrade, std::int32_t f
     }
     if (sent != file_len) {
         // The agent waits for the rest, and is asked nothing more that could tell.
-        std::fputs("hint: the image could not be read to its end\n", stderr);
+        hints::give("the image could not be read to its end\n");
         return -1;
     }
     return 0;

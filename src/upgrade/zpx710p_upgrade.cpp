@@ -1,3 +1,4 @@
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 #include "core/options.h"
@@ -71,6 +72,8 @@ int request_pass_through(SerialHandle handle, const Processor& processor) {
         }
         const int result = ZPX710P_VNC_DecodeData(answer);
         if (result == 0) {
+            hints::synchronised();
+            hints::answer_awaited();  // of the processor behind the main controller
             log_info("ZPX_Upgrade_Sync VNC success Start handshake\n");
             return 0;
         }

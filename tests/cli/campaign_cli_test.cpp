@@ -30,6 +30,16 @@ TEST(CampaignProgram, SeedShowsTheSameRunEachTime) {
     EXPECT_NE(first.find(" tool    >  "), std::string::npos) << first;
 }
 
+TEST(CampaignProgram, TakesFaultsInPlaceOfTheDrawnOnes) {
+    const Finished run =
+        run_program("orbix_campaign", {"--family", "AG3352", "--mode", "upgrade", "--seed", "11",
+                                       "--runs", "1", "--faults", "unplug@300", "--trace"});
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_NE(run.output.find("  faults: unplug@300\n"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find(" fault     unplug\n"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("  FAIL after "), std::string::npos) << run.output;
+}
+
 TEST(CampaignProgram, ListsAndRefuses) {
     const Finished list = run_program("orbix_campaign", {"--list"});
     EXPECT_EQ(list.status, 0);
@@ -37,6 +47,7 @@ TEST(CampaignProgram, ListsAndRefuses) {
     EXPECT_EQ(run_program("orbix_campaign", {"--family", "nosuch"}).status, 2);
     EXPECT_EQ(run_program("orbix_campaign", {"--nosuch"}).status, 2);
     EXPECT_EQ(run_program("orbix_campaign", {"--runs", "0"}).status, 2);
+    EXPECT_EQ(run_program("orbix_campaign", {"--faults", "nonsense"}).status, 2);
 }
 
 }  // namespace

@@ -66,6 +66,36 @@ TEST_P(ProgramUpgrade, OverAPseudoTerminal) {
 
 INSTANTIATE_TEST_SUITE_P(Images, ProgramUpgrade, ::testing::Values(0, 1, 4097, 30'000));
 
+TEST(ProgramSim, SeveralModulesStandOnPortsOfTheirOwn) {
+    const TempDir folder;
+    const std::string dump = folder.path("flash.bin");
+    const std::string link = "/tmp/orbixn" + std::to_string(getpid() % 100'000);
+    Background simulator("orbix_sim", {"TR52G", "--rate", fast, "--count", "3", "--link", link,
+                                       "--faults", "unplug@2000", "--dump", dump});
+    const Bytes image = random_image(1000);
+    // The third one gets more bytes than it takes until its port is unplugged; the others stay.
+    const Bytes long_image = random_image(9000);
+    const std::vector<Bytes> images{image, random_image(1000, 2), long_image};
+    for (std::size_t number = 0; number < images.size(); ++number) {
+        ASSERT_EQ(simulator.read_line(), link + "." + std::to_string(number + 1));
+    }
+    for (const std::size_t number : {2U, 0U, 1U}) {
+        const Finished run =
+            run_program("orbix_flash", upgrade_arguments(link + "." + std::to_string(number + 1),
+                                                         folder.write("app.bin", images[number])));
+        EXPECT_EQ(ends_with_line(run.output, upgrade_success), number != 2) << run.output;
+    }
+    simulator.send_signal(SIGTERM);
+    EXPECT_EQ(simulator.finish().status, 0);
+    for (const std::size_t number : {0U, 1U}) {
+        const Bytes flash = read_file(dump + "." + std::to_string(number + 1));
+        ASSERT_GT(flash.size(), 0x9000 + images[number].size());
+        EXPECT_TRUE(std::ranges::equal(images[number],
+                                       std::span(flash).subspan(0x9000, images[number].size())));
+    }
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(link + ".1")));
+}
+
 TEST(ProgramSim, LinkIsThePortAndGoesAway) {
     const TempDir folder;
     // The device name in the tool is clipped, so the link's name is short.
@@ -130,12 +160,14 @@ TEST(ProgramPort, AbsentPort) {
     EXPECT_NE(run.output.find("[ERROR] Error opening /dev/ttyNOSUCH: No such file or directory\n"),
               std::string::npos);
     EXPECT_TRUE(ends_with_line(run.output, upgrade_failure(-1)));
+    EXPECT_TRUE(run.errors.starts_with("hint: /dev/ttyNOSUCH: there is no such port; "));
 }
 
 TEST(ProgramPort, WhatIsNoSerialDeviceIsRefused) {
     for (const std::string port : {"/dev/null", "/etc/passwd", "/tmp"}) {
         const Finished run = run_program("orbix_flash", upgrade_arguments(port, "x"));
         EXPECT_NE(run.output.find("[ERROR] Error opening " + port + ": "), std::string::npos);
+        EXPECT_EQ(run.errors, "hint: " + port + ": that is no serial port\n");
         EXPECT_TRUE(ends_with_line(run.output, upgrade_failure(-1)));
     }
 }
@@ -168,6 +200,9 @@ TEST(ProgramPort, SecondRunOnABusyPortIsRefusedAndDoesNotDisturbTheFirst) {
     EXPECT_NE(second.output.find("[ERROR] Error opening " + module.port() +
                                  ": Device or resource busy\n"),
               std::string::npos);
+    EXPECT_TRUE(
+        second.errors.starts_with("hint: " + module.port() + ": another program holds the port; "))
+        << second.errors;
     EXPECT_TRUE(ends_with_line(first.finish().output, upgrade_success));
 }
 

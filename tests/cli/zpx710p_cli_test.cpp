@@ -65,6 +65,20 @@ TEST_F(Zpx710pProgram, UpgradeThroughTheMainController) {
     expect_flashed("ZPX710P", "LORA_UPG");
 }
 
+TEST_F(Zpx710pProgram, AGeneralProgrammerFindsTheSameRomLoader) {
+    // An outside witness for the simulated module. A pseudo-terminal takes no parity.
+    const std::string programmer = "/usr/bin/stm32flash";
+    if (!std::filesystem::exists(programmer)) {
+        GTEST_SKIP() << "stm32flash is not installed";
+    }
+    SimulatedModule module("ZPX710P", {"--dump", folder_ / "dump.bin"});
+    const Finished run = run_program(
+        programmer, {"-m", "8n1", "-b", "115200", "-w", folder_ / "app.bin", module.port()});
+    module.stop();
+    EXPECT_EQ(run.status, 0) << run.output << run.errors;
+    EXPECT_EQ(content_of(folder_ / "dump.bin").substr(0, image_.size()), image_);
+}
+
 TEST_F(Zpx710pProgram, AnUnpluggedModuleEndsTheHandshake) {
     // The module never hears the synchronisation byte; after a while the port is gone.
     SimulatedModule module("ZPX710P", {"--faults", "silence=0@0,unplug@20"});

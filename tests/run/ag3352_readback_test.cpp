@@ -6,6 +6,7 @@
 #include "ag33xx_modules.h"
 #include "run/ag33xx_support.h"
 #include "run/harness.h"
+#include "run/readback_support.h"
 
 namespace orbix::test {
 namespace {
@@ -441,15 +442,8 @@ TEST_F(Ag3352Readback, SendAgentFailureCarriesItsCodeAtTheSlowRate) {
 
 TEST_F(Ag3352Readback, UnpluggedAnywhere) {
     const auto words = region_lists(regions_in(folder, 4));
-    const ToolRun whole_run = run(words);
-    ASSERT_EQ(whole_run.result(), readback_success);
-    const std::uint64_t whole = whole_run.duration_ms;
-    for (std::uint64_t time = 1; time < whole; time += 61) {
-        const ToolRun result = run(words, unplugged_after_ms(time));
-        EXPECT_EQ(result.result(), readback_failure(-1)) << time;
-        EXPECT_FALSE(result.hit_time_limit);
-        EXPECT_LT(result.duration_ms, 60'000U);
-    }
+    expect_end_wherever_unplugged(
+        [&](const Conditions& conditions) { return run(words, conditions); }, 61);
 }
 
 }  // namespace

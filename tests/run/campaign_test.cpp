@@ -11,8 +11,11 @@
 #include "ag33xx_modules.h"
 #include "campaign/checks.h"
 #include "campaign/knowledge.h"
+#include "cyfm_package.h"
+#include "hd8xx0_module.h"
 #include "run/harness.h"
 #include "rx7040_module.h"
+#include "sta8100_module.h"
 #include "teseo_chip.h"
 #include "zpx710p.h"
 
@@ -81,8 +84,8 @@ TEST(Campaign, SeedReplaysTheSameRunByteForByte) {
     for (const char* mode : {"upgrade", "download"}) {
         const Scenario& scenario = scenario_of("AG3352", mode);
         for (std::uint64_t seed = 1; seed <= 5; ++seed) {
-            const Record first = campaign::run_seed(scenario, seed, true);
-            const Record again = campaign::run_seed(scenario, seed, true);
+            const Record first = campaign::run_seed(scenario, seed, {.traced = true});
+            const Record again = campaign::run_seed(scenario, seed, {.traced = true});
             EXPECT_EQ(first.output, again.output);
             EXPECT_EQ(campaign::readable_trace(first), campaign::readable_trace(again));
             const Record untraced = campaign::run_seed(scenario, seed);
@@ -126,6 +129,27 @@ TEST(Campaign, TraceShowsBothDirectionsWithTheirTimesAndTheLines) {
                   blanks(47) + "U\n");
 }
 
+TEST(Campaign, TraceShowsWhereTheFaultsStruck) {
+    Record record;
+    const sim::Micros start = sim::VirtualPort::start;
+    record.trace = {{start + 1500, Direction::to_module, 0xAA},
+                    {start + 1700, Direction::to_module, '$'}};
+    record.strikes = {{start + 1600, FaultKind::drop, Direction::to_module, 1, 0},
+                      {start + 1600, FaultKind::drop, Direction::to_module, 2, 0},
+                      {start + 1700, FaultKind::flip, Direction::to_host, 3, 2},
+                      {start + 9000, FaultKind::unplug, Direction::to_module, 0, 0}};
+    const std::string blanks(47, ' ');
+    EXPECT_EQ(campaign::readable_trace(record),
+              "    0.001500 tool    >  AA" + blanks +
+                  ".\n"
+                  "    0.001600 fault     drop to the module, 2 bytes\n"
+                  "    0.001700 fault     flip to the tool\n"
+                  "    0.001700 tool    >  24" +
+                  blanks +
+                  "$\n"
+                  "    0.009000 fault     unplug\n");
+}
+
 // --- the checks find what they are for -----------------------------------------------------------
 
 /// A scenario of a run that goes well, with something wrong in what is expected of it.
@@ -160,6 +184,15 @@ TEST(CampaignChecks, FindAFlashThatDoesNotHoldTheImage) {
     EXPECT_EQ(found_in([](campaign::Draw& draw) {
                   Rig rig = good_rig(draw);
                   rig.held.front().content.front() ^= 1;
+                  return rig;
+              }),
+              std::set<Check>{Check::holds_image});
+}
+
+TEST(CampaignChecks, FindAReadbackThatIsNotTheFlash) {
+    EXPECT_EQ(found_in([](campaign::Draw& draw) {
+                  Rig rig = scenario_of("AG3352", "readback").make(draw);
+                  rig.written.front().content.back() ^= 1;
                   return rig;
               }),
               std::set<Check>{Check::holds_image});
@@ -205,16 +238,22 @@ TEST(CampaignChecks, FindACodeThatIsNoneOfTheModes) {
 }
 
 /// Judges an output as if a run had written it.
-std::set<Check> found_in_output(const std::string& output, std::uint64_t duration_ms = 0) {
+struct RunEnd {
+    std::uint64_t duration_ms = 0;
+    int status = 0;
+    bool cut_off = false;
+};
+std::set<Check> found_in_output(const std::string& output, const RunEnd& end = {}) {
     const Workplace workplace;
     const Scenario scenario{"AG3352", "upgrade", good_rig, {-1}};
     SilentModule module;
     sim::ToolRun run(module, {"-S"});
-    run.status = 0;
+    run.status = end.status;
+    run.hit_time_limit = end.cut_off;
     Record record;
     record.scenario = &scenario;
     record.output = output;
-    record.waited = duration_ms >= campaign::patience_ms;
+    record.waited = end.duration_ms >= campaign::patience_ms;
     record.faults.push_back({});
     campaign::judge(record, {}, run);
     std::set<Check> found;
@@ -259,18 +298,82 @@ TEST(CampaignChecks, FindResultsThatDoNotAgree) {
               agreement);
 }
 
+TEST(CampaignChecks, FindAnExitStatus) {
+    const std::string fail =
+        "[000.001][ERROR] x\n[000.001][FAIL] orbix_flash upgrade fail,ret:[-1]\n";
+    EXPECT_EQ(found_in_output(fail, {.status = 1}), std::set<Check>{Check::agrees});
+}
+
+TEST(CampaignChecks, FindARunThatGoesOnWithoutItsDevice) {
+    const std::string stated = "[000.001][INFO] Sync success!\n";
+    const RunEnd end{.duration_ms = campaign::patience_ms, .cut_off = true};
+    EXPECT_EQ(found_in_output(stated, end), std::set<Check>{Check::ends});
+}
+
 TEST(CampaignChecks, FindAWaitThatIsNotStated) {
     const std::string late =
         "[1200.600][ERROR] gone\n"
         "[1200.600][FAIL] orbix_flash upgrade fail,ret:[-1]\n";
-    EXPECT_EQ(
-        found_in_output("[000.001][INFO] Waiting for Sync...\n" + late, campaign::patience_ms),
-        std::set<Check>{Check::ends});
-    EXPECT_EQ(found_in_output("[000.001][INFO] Sync success!\n" + late, campaign::patience_ms),
+    EXPECT_EQ(found_in_output("[000.001][INFO] Waiting for Sync...\n" + late,
+                              {.duration_ms = campaign::patience_ms}),
+              std::set<Check>{Check::ends});
+    EXPECT_EQ(found_in_output("[000.001][INFO] Sync success!\n" + late,
+                              {.duration_ms = campaign::patience_ms}),
               std::set<Check>{});
 }
 
 // --- what stands behind the exceptions -----------------------------------------------------------
+
+/// The entries of a table that no run of many seeds has met, nor one of the `rare` runs.
+template <typename Entry>
+std::string entries_not_met(const std::vector<Entry>& table, const Entry* Record::*met,
+                            const std::vector<Record>& rare = {}) {
+    const Workplace workplace;
+    std::set<const Entry*> missing;
+    for (const Entry& entry : table) {
+        missing.insert(&entry);
+    }
+    for (const Record& record : rare) {
+        missing.erase(record.*met);
+    }
+    constexpr std::uint64_t seeds = 2000;
+    for (std::uint64_t seed = 1; seed <= seeds; ++seed) {
+        for (const Scenario& scenario : campaign::scenarios()) {
+            const bool wanted = std::any_of(missing.begin(), missing.end(), [&](const auto* entry) {
+                return campaign::concerns(entry->family, scenario.family) &&
+                       campaign::concerns(entry->mode, scenario.mode);
+            });
+            if (wanted) {
+                missing.erase(campaign::run_seed(scenario, seed).*met);
+            }
+        }
+    }
+    std::string text;
+    for (const Entry* entry : missing) {
+        text += std::string(entry->family) + " " + entry->mode + " \"" + entry->last_line + "\"\n";
+    }
+    return text;
+}
+
+/// A run of a mode with these faults and no others.
+Record run_with_faults(const std::string& family, const std::string& mode,
+                       const std::string& text) {
+    const Workplace workplace;
+    std::string error;
+    const auto faults = sim::parse_faults(text, error);
+    EXPECT_TRUE(faults) << error;
+    return campaign::run_seed(scenario_of(family, mode), 1, {.faults = faults});
+}
+
+TEST(CampaignKnowledge, EachUnlimitedWaitIsMet) {
+    // Something that is no answer, and then nothing for ever.
+    const Record junk = run_with_faults("ZPX710P", "DL", "noise=1@0:to-host,silence@0:to-host");
+    EXPECT_EQ(entries_not_met(campaign::unlimited_waits, &Record::wait, {junk}), "");
+}
+
+TEST(CampaignKnowledge, EachSilentStepIsMet) {
+    EXPECT_EQ(entries_not_met(campaign::silent_steps, &Record::silent_step), "");
+}
 
 TEST(CampaignExceptions, EachNamesATestThatIsThere) {
     std::set<std::string> tests;
@@ -316,9 +419,7 @@ TEST(CampaignExceptions, SpareAcknowledgementStandsInForTheVerdict) {
 
 TEST(CampaignExceptions, XmodemEndsAtAByteOfADamagedBlock) {
     const TempDir folder;
-    Bytes image(3000, 0xFF);
-    image[1500] = 0x04;  // in the second block
-    image[2500] = 0x04;  // in the last one, which the loader hears as the end once more
+    const Bytes image = random_image(3500);
     sim::Rx7040Module module;
     const std::vector<std::string> arguments{
         "-m", "MX290B",
@@ -326,14 +427,13 @@ TEST(CampaignExceptions, XmodemEndsAtAByteOfADamagedBlock) {
         "-L", folder.write("loader.pkg", random_image(1500, 7)),
         "-f", folder.write("fw.pkg", image),
         "-t", "DL"};
-    Conditions clean;
-    const std::size_t sent = ToolRun(module, arguments, clean).sent.size();
+    const std::size_t sent = ToolRun(module, arguments).sent.size();
     Conditions conditions;
-    // The second block loses its head: what is left of it is heard as the transfer's end.
-    const std::size_t second_block = sent - 1 - 2 * 1029;
-    conditions.faults.push_back({.kind = FaultKind::drop, .byte = second_block, .amount = 3});
+    // The last block is number 4. Without its first byte it begins with this number: the end.
+    conditions.faults.push_back({.kind = FaultKind::drop, .byte = sent - 1 - 1029});
     const ToolRun run(module, arguments, conditions);
     const auto held = module.flash().read(module.flash().base(), image.size());
+    EXPECT_TRUE(std::equal(held.begin(), held.begin() + 3072, image.begin()));
     EXPECT_FALSE(std::equal(held.begin(), held.end(), image.begin()));
     EXPECT_EQ(run.result(), upgrade_success);
 }
@@ -367,24 +467,164 @@ TEST(CampaignExceptions, ByteSumOverAPacketMissesTwoTurnedBits) {
     EXPECT_TRUE(missed) << "one pair of turned bits in sixteen goes unseen";
 }
 
-TEST(CampaignExceptions, XorOverAPacketMissesTwoTurnedBits) {
+TEST(CampaignExceptions, FletcherSumsOverABlockMissThreeTurnedBits) {
     const TempDir folder;
-    const Bytes image = random_image(240);
-    const std::vector<std::string> arguments{"-m", "ZPX710P", "-p", "COM6",
-                                             "-b", "115200",  "-f", folder.write("fw.bin", image),
-                                             "-t", "DL"};
+    // +1, -2, +1 in a row changes neither the sum of the bytes nor the sum of the sums.
+    constexpr std::ptrdiff_t offset = 1500;
+    Bytes image = random_image(4000);
+    image[offset] = image[offset + 2] = 0x00;
+    image[offset + 1] = 0xFF;
+    const std::vector<std::string> arguments{
+        "-m",     "MX210A00", "-p",   "COM6", "-b",
+        "115200", "-t",       "boot", "-f",   folder.write("fw.cyfm", sim::make_cyfm(image))};
+    sim::Hd8xx0Module undisturbed;
+    const Bytes sent = ToolRun(undisturbed, arguments).sent;
+    const auto begin = image.begin() + offset;
+    const auto place = std::search(sent.begin(), sent.end(), begin, begin + 100) - sent.begin();
     bool missed = false;
-    for (std::uint64_t seed = 1; seed <= 40 && !missed; ++seed) {
-        sim::Zpx710pRomLoader module;
+    for (std::uint64_t seed = 1; seed <= 400 && !missed; ++seed) {
+        sim::Hd8xx0Module module;
         Conditions conditions;
         conditions.seed = seed;
-        conditions.faults.push_back({.kind = FaultKind::flip, .byte = 100, .amount = 2});
+        conditions.faults.push_back(
+            {.kind = FaultKind::flip, .byte = static_cast<std::uint64_t>(place), .amount = 3});
         const ToolRun run(module, arguments, conditions);
         const auto held = module.flash().read(module.flash().base(), image.size());
         const bool right = std::equal(held.begin(), held.end(), image.begin());
         missed = !right && run.result() == upgrade_success;
     }
+    EXPECT_TRUE(missed) << "one triple of turned bits in about eighty goes unseen";
+}
+
+/// An image for the application processor of a STA8100 under faults.
+class AppBootRun {
+  public:
+    explicit AppBootRun(std::vector<sim::Fault> faults = {}, std::uint64_t seed = 1) {
+        const TempDir folder;
+        const Bytes image = random_image(1024);
+        auto settings = sim::Sta8100Module::of_model("TS50A");
+        settings.chip.talker.period = 0;
+        settings.app_waits = true;
+        sim::Sta8100Module module(settings);
+        Conditions conditions;
+        conditions.faults = std::move(faults);
+        conditions.seed = seed;
+        const ToolRun run(module,
+                          {"-m", "TS50A", "-p", "COM6", "-b", "115200", "-c", "app_boot", "-f",
+                           folder.write("app.bin", image)},
+                          conditions);
+        succeeded = run.result() == upgrade_success;
+        sent = run.sent.size();
+        received = run.received.size();
+        const auto& flash = module.app().flash();
+        const auto held = flash.read(flash.base(), image.size());
+        holds_image = std::equal(held.begin(), held.end(), image.begin());
+    }
+
+    bool succeeded = false;
+    bool holds_image = false;
+    std::size_t sent = 0;
+    std::size_t received = 0;
+};
+
+TEST(CampaignExceptions, XorOverAnAppBlockMissesTwoTurnedBits) {
+    bool missed = false;
+    for (std::uint64_t seed = 1; seed <= 40 && !missed; ++seed) {
+        const AppBootRun run({{.kind = FaultKind::flip, .byte = 500, .amount = 2}}, seed);
+        missed = run.succeeded && !run.holds_image;
+    }
     EXPECT_TRUE(missed) << "one pair of turned bits in eight stands in the same place";
+}
+
+TEST(CampaignExceptions, SpareAcknowledgementStandsInForAnAppBlock) {
+    const AppBootRun undisturbed;
+    ASSERT_TRUE(undisturbed.succeeded && undisturbed.holds_image);
+    // Three acknowledgements for each of the four blocks: that of the first block's data comes
+    // twice, and the last block loses a byte.
+    const AppBootRun run({{.kind = FaultKind::duplicate,
+                           .direction = Direction::to_host,
+                           .byte = undisturbed.received - 10},
+                          {.kind = FaultKind::drop, .byte = undisturbed.sent - 100}});
+    EXPECT_TRUE(run.succeeded);
+    EXPECT_FALSE(run.holds_image);
+}
+
+/// A download into the ROM loader of a ZPX710P under faults.
+class Zpx710pRomRun {
+  public:
+    Zpx710pRomRun(const Bytes& image, std::vector<sim::Fault> faults, std::uint64_t seed = 1) {
+        const TempDir folder;
+        Conditions conditions;
+        conditions.faults = std::move(faults);
+        conditions.seed = seed;
+        const ToolRun run(module,
+                          {"-m", "ZPX710P", "-p", "COM6", "-b", "115200", "-f",
+                           folder.write("fw.bin", image), "-t", "DL"},
+                          conditions);
+        succeeded = run.result() == upgrade_success;
+        const auto held = module.flash().read(module.flash().base(), image.size());
+        holds_image = std::equal(held.begin(), held.end(), image.begin());
+    }
+
+    sim::Zpx710pRomLoader module;
+    bool succeeded = false;
+    bool holds_image = false;
+};
+
+/// What a download of one page and one block begins with: the call, the erase command and its page,
+/// the write command, the address. The block's length follows.
+constexpr std::uint64_t address_byte = 1 + 2 + 3 + 2;
+constexpr std::uint64_t block_byte = address_byte + 5;
+
+TEST(CampaignExceptions, XorOverAPacketMissesTwoTurnedBits) {
+    const Bytes image = random_image(240);
+    bool missed = false;
+    for (std::uint64_t seed = 1; seed <= 40 && !missed; ++seed) {
+        const Zpx710pRomRun run(image, {{.kind = FaultKind::flip, .byte = 100, .amount = 2}}, seed);
+        missed = run.succeeded && !run.holds_image;
+    }
+    EXPECT_TRUE(missed) << "one pair of turned bits in eight stands in the same place";
+}
+
+TEST(CampaignExceptions, PacketThatLostAByteIsFilledUpByItsRepetition) {
+    // The address 08000000 without its checksum, and once more from the front: 08 is the checksum.
+    // The rest of the repetition is a block of one zero.
+    const Zpx710pRomRun run({1, 2, 3}, {{.kind = FaultKind::drop, .byte = address_byte + 4}});
+    EXPECT_TRUE(run.succeeded);
+    EXPECT_FALSE(run.holds_image);
+}
+
+TEST(CampaignExceptions, SpareAcknowledgementStandsInForABlock) {
+    // From its first answers on the tool is ahead, and writes while the module still erases and
+    // hears nothing.
+    const Zpx710pRomRun run(
+        Bytes{7},
+        {{.kind = FaultKind::duplicate, .direction = Direction::to_host, .byte = 0, .amount = 3}});
+    EXPECT_TRUE(run.succeeded);
+    EXPECT_FALSE(run.holds_image);
+}
+
+TEST(CampaignExceptions, RepeatedAddressIsTakenForData) {
+    // Two bytes from nowhere in front of the address's acknowledgement: it is sent twice more, and
+    // the block behind it. 08 is the length of a block of nine bytes, whose XOR is right.
+    constexpr std::uint64_t answer_to_the_address = 4;
+    const Zpx710pRomRun run(Bytes{7}, {{.kind = FaultKind::noise,
+                                        .direction = Direction::to_host,
+                                        .byte = answer_to_the_address,
+                                        .amount = 2}});
+    EXPECT_TRUE(run.succeeded);
+    EXPECT_FALSE(run.holds_image);
+    EXPECT_TRUE(run.module.took_address_for_data());
+}
+
+TEST(CampaignExceptions, ByteOfTheImageSynchronisesARestartedModule) {
+    Bytes image = random_image(240);
+    std::replace(image.begin(), image.end(), std::uint8_t{0x7F}, std::uint8_t{0});
+    image[200] = 0x7F;
+    const Zpx710pRomRun run(image, {{.kind = FaultKind::power_cycle, .byte = block_byte + 100}});
+    EXPECT_TRUE(run.succeeded);
+    EXPECT_FALSE(run.holds_image);
+    EXPECT_EQ(run.module.synchronisations(), 2);
 }
 
 }  // namespace

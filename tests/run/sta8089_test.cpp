@@ -8,13 +8,13 @@
 #include <filesystem>
 
 #include "run/harness.h"
+#include "run/teseo_support.h"
 #include "teseo/ram_loaders.h"
 #include "teseo_chip.h"
 
 namespace orbix::test {
 namespace {
 
-using Lines = std::vector<std::string>;
 using sim::milliseconds;
 using sim::NmeaTalker;
 using sim::TeseoChip;
@@ -57,21 +57,9 @@ Lines option_lines(const std::string& image, const std::string& mode = "") {
     return lines;
 }
 
-Lines joined(Lines first, const Lines& second) {
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
-
 bool holds(TeseoChip& module, const Bytes& image) {
     const auto held = module.flash().read(sim::teseo_flash_base, image.size());
     return std::equal(held.begin(), held.end(), image.begin(), image.end());
-}
-
-/// The time stamp of the first line that contains `text`, in ms.
-long time_of(const ToolRun& run, const std::string& text) {
-    const std::size_t line = run.output.rfind("\n[", run.output.find(text)) + 2;
-    return std::strtol(&run.output[line], nullptr, 10) * 1000 +
-           std::strtol(&run.output[run.output.find('.', line) + 1], nullptr, 10);
 }
 
 const Lines loader_lines{"[INFO] Synchronize...",      "[INFO] Write options.",
@@ -286,17 +274,6 @@ TEST(Sta8089Recovery, FloodOfARunningReceiverDoesNotHideTheAnswer) {
     EXPECT_EQ(run.result(), upgrade_success);
 }
 
-/// A step of the boot loader that goes wrong, and what the tool says then.
-struct LoaderFailure {
-    TeseoStep step;
-    std::size_t lines;  ///< of `loader_lines`, before the failure
-    const char* limit;
-    const char* summary;
-};
-
-const char* const options_failed = "[ERROR] Write binary image options failed, upgrade failed.";
-const char* const image_failed = "[ERROR] Send the firmware package failed, upgrade failed.";
-
 const LoaderFailure loader_failures[] = {
     {TeseoStep::sync_confirmed, 1, "3000", "[ERROR] Sync module failed.Upgrade failed."},
     {TeseoStep::ready, 2, "500", options_failed},
@@ -315,23 +292,13 @@ class Sta8089LoaderFailures : public ::testing::TestWithParam<LoaderFailure> {
         const TempDir folder;
         const std::string path = folder.write("app.bin", random_image(10));
         TeseoChip module(quiet());
-        bool failed = false;
-        module.loader().tamper = [&](TeseoStep step, Bytes& answer) {
-            if (failed) {
-                answer.clear();
-            } else if (step == failure.step) {
-                answer = replacement;
-                failed = true;
-            }
-        };
+        module.loader().tamper = answering_wrongly(failure.step, replacement);
         const ToolRun run(module, arguments(path));
         Lines expected = joined(option_lines(path), loader_lines);
         expected.resize(option_lines(path).size() + failure.lines);
         expected.push_back(line);
         expected.emplace_back(failure.summary);
-        EXPECT_EQ(run.family_lines(), expected);
-        EXPECT_EQ(run.result(), upgrade_failure(-1));
-        EXPECT_EQ(run.closes, 1);
+        expect_failed_run(run, expected);
         duration_ms = run.duration_ms;
     }
     std::uint64_t duration_ms = 0;
@@ -378,30 +345,22 @@ TEST(Sta8089Recovery, ImageThatVanishesIsNamed) {
     const TempDir folder;
     const std::string path = folder.write("app.bin", random_image(10));
     TeseoChip module(quiet());
-    module.loader().tamper = [&path](TeseoStep step, Bytes& /*answer*/) {
-        if (step == TeseoStep::nvm_erased) {
-            std::filesystem::remove(path);
-        }
-    };
+    module.loader().tamper =
+        when_answering(TeseoStep::nvm_erased, [&path] { std::filesystem::remove(path); });
     const ToolRun run(module, arguments(path));
     Lines expected = joined(option_lines(path), loader_lines);
     expected.resize(expected.size() - 3);
     expected.push_back("[ERROR] Firmware " + path + " open failed.");
     expected.emplace_back(image_failed);
-    EXPECT_EQ(run.family_lines(), expected);
-    EXPECT_EQ(run.result(), upgrade_failure(-1));
-    EXPECT_EQ(run.closes, 1);
+    expect_failed_run(run, expected);
 }
 
 TEST(Sta8089Recovery, ImageThatShrinksIsNoSuccess) {
     const TempDir folder;
     const std::string path = folder.write("app.bin", random_image(20'000));
     TeseoChip module(quiet());
-    module.loader().tamper = [&path](TeseoStep step, Bytes& /*answer*/) {
-        if (step == TeseoStep::nvm_erased) {
-            std::filesystem::resize_file(path, 16384);
-        }
-    };
+    module.loader().tamper = when_answering(TeseoStep::nvm_erased,
+                                            [&path] { std::filesystem::resize_file(path, 16384); });
     const ToolRun run(module, arguments(path));
     EXPECT_EQ(run.count("[INFO]  Checking CRC...\n"), 1U) << "each piece was acknowledged";
     EXPECT_EQ(run.count("[ERROR] ACK time out 30000 ms\n"), 1U);

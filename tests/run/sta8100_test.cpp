@@ -8,13 +8,13 @@
 #include <cstring>
 
 #include "run/harness.h"
+#include "run/teseo_support.h"
 #include "sta8100_module.h"
 #include "teseo/app_boot.h"
 
 namespace orbix::test {
 namespace {
 
-using Lines = std::vector<std::string>;
 using sim::AppStep;
 using sim::milliseconds;
 using sim::Sta8100Module;
@@ -23,11 +23,6 @@ using sim::UpgradeAnswer;
 
 constexpr const char* version_line = "[INFO] Version: STA8100_Flash_Tool_V1.0";
 constexpr std::uint32_t nvm_offset = 0x000FF000;
-
-Lines joined(Lines first, const Lines& second) {
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
 
 Lines arguments(const std::string& image, const Lines& more = {}) {
     return joined({"-m", "TS50A", "-p", "COM6", "-b", "115200", "-f", image}, more);
@@ -70,14 +65,6 @@ Sta8100Module::Settings app_waiting() {
 
 bool holds(std::span<const std::uint8_t> flash, const Bytes& image) {
     return std::equal(image.begin(), image.end(), flash.begin());
-}
-
-/// The time stamp of the line that contains `text`, in ms.
-long time_of(const ToolRun& run, const std::string& text) {
-    const std::size_t found = run.output.find(text);
-    const std::size_t line = run.output.rfind("\n[", found) + 2;
-    return std::strtol(&run.output[line], nullptr, 10) * 1000 +
-           std::strtol(&run.output[run.output.find('.', line) + 1], nullptr, 10);
 }
 
 // --- all four ways ---
@@ -375,17 +362,6 @@ TEST(Sta8100Recovery, GivesTheLoaderUpAfter51Knocks) {
     EXPECT_EQ(run.result(), upgrade_failure(-1));
 }
 
-/// A step of the boot loader that goes wrong, and what the tool says then.
-struct LoaderFailure {
-    TeseoStep step;
-    std::size_t lines;  ///< of `loader_lines`, before the failure
-    const char* limit;
-    const char* summary;
-};
-
-const char* const options_failed = "[ERROR] Write binary image options failed, upgrade failed.";
-const char* const image_failed = "[ERROR] Send the firmware package failed, upgrade failed.";
-
 const LoaderFailure loader_failures[] = {
     {TeseoStep::sync_confirmed, 1, "10000", ""},
     {TeseoStep::initialised, 2, "500", options_failed},
@@ -403,15 +379,7 @@ class Sta8100LoaderFailures : public ::testing::TestWithParam<LoaderFailure> {
         const TempDir folder;
         const std::string path = folder.write("app.bin", random_image(10));
         Sta8100Module module(quiet());
-        bool failed = false;
-        module.chip().loader().tamper = [&](TeseoStep step, Bytes& answer) {
-            if (failed) {
-                answer.clear();
-            } else if (step == failure.step) {
-                answer = replacement;
-                failed = true;
-            }
-        };
+        module.chip().loader().tamper = answering_wrongly(failure.step, replacement);
         const ToolRun run(module, arguments(path));
         Lines expected = joined(option_lines(path), loader_lines);
         expected.resize(option_lines(path).size() + failure.lines);
@@ -419,9 +387,7 @@ class Sta8100LoaderFailures : public ::testing::TestWithParam<LoaderFailure> {
         if (*failure.summary != '\0') {
             expected.emplace_back(failure.summary);
         }
-        EXPECT_EQ(run.family_lines(), expected);
-        EXPECT_EQ(run.result(), upgrade_failure(-1));
-        EXPECT_EQ(run.closes, 1);
+        expect_failed_run(run, expected);
         duration_ms = run.duration_ms;
     }
     std::uint64_t duration_ms = 0;

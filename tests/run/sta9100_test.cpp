@@ -6,13 +6,13 @@
 #include <filesystem>
 
 #include "run/harness.h"
+#include "run/teseo_support.h"
 #include "teseo/ram_loaders.h"
 #include "teseo_chip.h"
 
 namespace orbix::test {
 namespace {
 
-using Lines = std::vector<std::string>;
 using sim::milliseconds;
 using sim::TeseoChip;
 using sim::TeseoStep;
@@ -256,22 +256,12 @@ class Sta9100Failures : public ::testing::TestWithParam<Failure> {
         const TempDir folder;
         const std::string path = folder.write("app.bin", short_image);
         TeseoChip module(quiet());
-        bool failed = false;
-        module.rom().tamper = [&](TeseoStep step, Bytes& answer) {
-            if (failed) {
-                answer.clear();
-            } else if (step == failure.step) {
-                answer = replacement;
-                failed = true;
-            }
-        };
+        module.rom().tamper = answering_wrongly(failure.step, replacement);
         const ToolRun run(module, arguments(path));
         Lines expected = lines_up_to(path, failure.last_line);
         expected.push_back(line);
         expected.emplace_back(failure.summary);
-        EXPECT_EQ(run.family_lines(), expected);
-        EXPECT_EQ(run.result(), upgrade_failure(-1));
-        EXPECT_EQ(run.closes, 1);
+        expect_failed_run(run, expected);
         duration_ms = run.duration_ms;
     }
     std::uint64_t duration_ms = 0;
@@ -314,29 +304,21 @@ TEST(Sta9100, ImageThatVanishesIsNamed) {
     const TempDir folder;
     const std::string path = folder.write("app.bin", short_image);
     TeseoChip module(quiet());
-    module.rom().tamper = [&path](TeseoStep step, Bytes& /*answer*/) {
-        if (step == TeseoStep::code_erased) {
-            std::filesystem::remove(path);
-        }
-    };
+    module.rom().tamper =
+        when_answering(TeseoStep::code_erased, [&path] { std::filesystem::remove(path); });
     const ToolRun run(module, arguments(path));
     Lines expected = lines_up_to(path, "Erasing program area");
     expected.push_back("[ERROR] Firmware " + path + " open failed.");
     expected.emplace_back(firmware_failed);
-    EXPECT_EQ(run.family_lines(), expected);
-    EXPECT_EQ(run.result(), upgrade_failure(-1));
-    EXPECT_EQ(run.closes, 1);
+    expect_failed_run(run, expected);
 }
 
 TEST(Sta9100, ImageThatShrinksIsNoSuccess) {
     const TempDir folder;
     const std::string path = folder.write("app.bin", random_image(10'000));
     TeseoChip module(quiet());
-    module.rom().tamper = [&path](TeseoStep step, Bytes& /*answer*/) {
-        if (step == TeseoStep::code_erased) {
-            std::filesystem::resize_file(path, 5120);
-        }
-    };
+    module.rom().tamper = when_answering(TeseoStep::code_erased,
+                                         [&path] { std::filesystem::resize_file(path, 5120); });
     const ToolRun run(module, arguments(path));
     EXPECT_EQ(run.count("[INFO]  Checking CRC...\n"), 1U) << "each piece was acknowledged";
     EXPECT_EQ(run.count("[ERROR] ACK time out 30000 ms\n"), 1U);

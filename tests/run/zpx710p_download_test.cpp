@@ -162,14 +162,14 @@ TEST(Zpx710pDownload, LinesOfAGoodRun) {
 TEST(Zpx710pDownload, SpeedCountsOneKilobyteMoreOverTheTimeSinceTheStart) {
     const TempDir folder;
     Zpx710pRomLoader module;
-    // A block of 240 bytes: 251 bytes on the line with the answers, and 4 ms; at 1200 bits a
-    // second.
+    // A block of 240 bytes: 251 bytes of 11 bits on the line with the answers, and 4 ms; at 1200
+    // bits a second.
     module.start_baud = 1200;
     const ToolRun run(module, {"-m", "ZPX710P", "-p", "COM6", "-b", "1200", "-f",
                                folder.write("app.bin", random_image(240)), "-t", "DL"});
     EXPECT_EQ(run.result(), upgrade_success);
     EXPECT_EQ(run.rates, std::vector<unsigned>{1200});
-    EXPECT_EQ(run.count("[SPEED] 240 Bytes/240 Bytes    0.6 KBps\n"), 1U);
+    EXPECT_EQ(run.count("[SPEED] 240 Bytes/240 Bytes    0.5 KBps\n"), 1U);
 }
 
 TEST(Zpx710pDownload, TheStatedPackets) {
@@ -703,6 +703,61 @@ TEST(Zpx710pEntry, ReadbackIsNotForThisFamily) {
     const ToolRun run(module, {"-m", "ZPX710P", "-o", "out.bin", "-t", "DL"});
     EXPECT_EQ(run.result(), readback_failure(-1));
     EXPECT_EQ(run.opens, 0);
+}
+
+// --- What the loader answers besides ---
+
+/// What the loader says to a general programmer's packets, each given in hex.
+Bytes answers_to(Zpx710pRomLoader& module, const std::vector<std::string>& packets) {
+    sim::Line line(module, {}, {}, 0);
+    line.set_host_rate(115200, true);
+    sim::Micros now = 0;
+    Bytes answers;
+    for (const std::string& packet : packets) {
+        now = line.send(hex(packet), now) + sim::milliseconds(10'000);
+        line.run_until(now);
+        append(answers, line.take_arrived(now));
+    }
+    return answers;
+}
+
+TEST(Zpx710pRomLoader, TellsItsVersionItsCommandsAndItsController) {
+    Zpx710pRomLoader module;
+    EXPECT_EQ(as_hex(answers_to(module, {"7F", "01 FE", "00 FF", "02 FD"})),
+              "79 79 31 00 00 79 79 06 31 00 01 02 31 43 44 79 79 01 04 15 79");
+    EXPECT_EQ(as_hex(answers_to(module, {"7F", "01 FF", "00 FE", "02 FC"})), "79 1F 1F 1F");
+}
+
+TEST(Zpx710pRomLoader, ErasesThePagesThatAreNamed) {
+    constexpr std::uint32_t page = Zpx710pRomLoader::page_size;
+    const Bytes used(4 * std::size_t{page}, 0x11);
+    const Bytes used_page(page, 0x11);
+    const Bytes blank_page(page, 0xFF);
+    Zpx710pRomLoader module;
+    const auto holds = [&module](std::uint32_t number, const Bytes& content) {
+        return std::ranges::equal(module.flash().read(flash_base + number * page, page), content);
+    };
+    module.flash().program(flash_base, used);
+    EXPECT_EQ(as_hex(answers_to(module, {"7F", "44 BB", "00 01 00 00 00 02 02"})), "79 79 1F");
+    EXPECT_TRUE(holds(0, used_page));
+    EXPECT_EQ(as_hex(answers_to(module, {"7F", "44 BB", "00 01 00 00 00 02 03"})), "79 79 79");
+    EXPECT_TRUE(holds(0, blank_page));
+    EXPECT_TRUE(holds(1, used_page));
+    EXPECT_TRUE(holds(2, blank_page));
+    EXPECT_TRUE(holds(3, used_page));
+    EXPECT_EQ(as_hex(answers_to(module, {"7F", "44 BB", "FF FF 00"})), "79 79 79");
+    EXPECT_TRUE(holds(3, blank_page));
+}
+
+TEST(Zpx710pDownload, EveryByteTakesElevenBitTimes) {
+    const TempDir folder;
+    Zpx710pRomLoader module;
+    const ToolRun run(module, arguments(folder.write("app.bin", random_image(2000))));
+    EXPECT_EQ(run.result(), upgrade_success);
+    const std::size_t bits = 11 * (run.sent.size() + run.received.size());
+    const auto line_time = static_cast<double>(bits) * 1e6 / 115200;
+    EXPECT_NEAR(static_cast<double>(run.line_busy), line_time, 100);
+    EXPECT_EQ(run.module_busy, module.erase_time + 9 * module.program_time);
 }
 
 }  // namespace

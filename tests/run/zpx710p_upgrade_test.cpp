@@ -629,36 +629,33 @@ TEST_P(Zpx710pUpgrade, RefusedBootVersion) {
     EXPECT_EQ(run.closes, 1);
 }
 
-TEST_P(Zpx710pUpgrade, RefusedInformation) {
+/// A run whose `command` is refused with a slave state says `complaints` behind the information,
+/// and fails.
+void expect_refusal(const Target& target, std::uint8_t command, std::uint8_t state,
+                    const Lines& complaints) {
     const TempDir folder;
     const Bytes image = random_image(10);
     const std::string path = folder.write("app.bin", image);
     Zpx710pModule module;
-    (module.*GetParam().loader).tamper = answering(0x02, 0x06);
-    const ToolRun run(module, arguments(GetParam(), path));
-    EXPECT_EQ(run.family_lines(),
-              joined(until_information(GetParam(), path, image),
-                     {"[ERROR] slave msg slave state is 6\r",
-                      "[ERROR] SendFirmwareInfo --- Kv_Upgrade_DecodeMsg failed errro code 0006",
-                      "[ERROR] Send fw info failed,err: 0x108"}));
+    (module.*target.loader).tamper = answering(command, state);
+    const ToolRun run(module, arguments(target, path));
+    EXPECT_EQ(run.family_lines(), joined(until_information(target, path, image), complaints));
     EXPECT_EQ(run.result(), upgrade_failure(264));
     EXPECT_EQ(run.closes, 1);
 }
 
+TEST_P(Zpx710pUpgrade, RefusedInformation) {
+    expect_refusal(GetParam(), 0x02, 0x06,
+                   {"[ERROR] slave msg slave state is 6\r",
+                    "[ERROR] SendFirmwareInfo --- Kv_Upgrade_DecodeMsg failed errro code 0006",
+                    "[ERROR] Send fw info failed,err: 0x108"});
+}
+
 TEST_P(Zpx710pUpgrade, RefusedErase) {
-    const TempDir folder;
-    const Bytes image = random_image(10);
-    const std::string path = folder.write("app.bin", image);
-    Zpx710pModule module;
-    (module.*GetParam().loader).tamper = answering(0x03, 0x05);
-    const ToolRun run(module, arguments(GetParam(), path));
-    EXPECT_EQ(run.family_lines(),
-              joined(until_information(GetParam(), path, image),
-                     {"[ERROR] slave msg slave state is 5\r",
-                      "[ERROR] EraseAPP --- Kv_Upgrade_DecodeMsg failed errro code 0005",
-                      "[ERROR] Erase Flash app area failed,err: 0x108"}));
-    EXPECT_EQ(run.result(), upgrade_failure(264));
-    EXPECT_EQ(run.closes, 1);
+    expect_refusal(GetParam(), 0x03, 0x05,
+                   {"[ERROR] slave msg slave state is 5\r",
+                    "[ERROR] EraseAPP --- Kv_Upgrade_DecodeMsg failed errro code 0005",
+                    "[ERROR] Erase Flash app area failed,err: 0x108"});
 }
 
 TEST_P(Zpx710pUpgrade, ABlockIsSentTenTimes) {

@@ -96,6 +96,7 @@ TEST(NmeaCheckSum, StarCountsBeforeIndex255Only) {
     };
     EXPECT_EQ(NMEA_CheckSum(sentence(254).c_str()), 0);
     EXPECT_EQ(NMEA_CheckSum(sentence(255).c_str()), 2);
+    EXPECT_EQ(NMEA_CheckSum(std::string(255, 'A').c_str()), 2);
     EXPECT_EQ(NMEA_CheckSum(std::string(400, 'A').c_str()), 2);
     EXPECT_EQ(NMEA_CheckSum(std::string(400, 'x').c_str()), 3) << "the digits are tested first";
 }

@@ -1,0 +1,29 @@
+// Other programs that hold the same dialogue, for comparison.
+#pragma once
+
+#include <string>
+
+#include "measured.h"
+#include "transfers.h"
+
+namespace orbix::bench {
+
+struct Peer {
+    std::string name;
+    std::string program;   ///< its path
+    std::string transfer;  ///< the name of the transfer that it does too
+    std::vector<unsigned> rates;
+
+    /// Whether its blocks are as large as the tool's, so that the tool must not be slower.
+    bool same_blocks;
+
+    /// Does the transfer over `port`, with the files and the arguments that were prepared for the
+    /// tool. Returns what it took; a status other than 0 when it failed.
+    Measured (*run)(const Peer& peer, const std::string& port, unsigned rate,
+                    const Arguments& arguments, const std::string& folder);
+};
+
+/// Those of the peers that are installed.
+std::vector<Peer> installed_peers();
+
+}  // namespace orbix::bench
