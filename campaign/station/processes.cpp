@@ -85,7 +85,7 @@ ServedModule::ServedModule(Rig rig, const sim::PtySettings& settings) {
     if (process_ == 0) {
         settle_child(SIGTERM);
         dup2(ends[1], STDOUT_FILENO);
-        const int status = sim::serve_on_pty(*rig.module, settings);
+        const int status = sim::serve_on_pty({&rig.module, 1}, settings);
         std::printf("%s\n", holds_image(rig) ? holds : "differs");
         std::fflush(stdout);
         _exit(status);
