@@ -159,6 +159,7 @@ void FlashLines::take_part(std::string_view text) {
     family_spoke_ = family_spoke_ || arguments_shown_;
     if (take_prefix(text, "[ERROR] ")) {
         failures_.emplace_back(without_line_end(text));
+        note_unusable(meaning_of(failures_.back()));
         return;
     }
     if (take_prefix(text, "[PROGRESS] ")) {
@@ -175,7 +176,10 @@ void FlashLines::take_part(std::string_view text) {
     if (text.starts_with("name :")) {
         model = text.substr(6);
     }
-    usage_shown_ = usage_shown_ || text.starts_with(" Usage: ");
+    if (text.starts_with(" Usage: ")) {
+        usage_shown_ = true;
+        nothing_flashed_ = Cause::usage;
+    }
     if (fits(text, "Invalid upgrade mode:*")) {
         failures_.emplace_back(text);  // the one refusal of a command line without an ERROR tag
     }
@@ -224,6 +228,23 @@ void FlashLines::take_speed(std::string_view text) {
     }
 }
 
+/// A few families report success where nothing was flashed.
+void FlashLines::note_unusable(Meaning meaning) {
+    switch (meaning) {
+        case Meaning::usage:
+            nothing_flashed_ = Cause::usage;
+            break;
+        case Meaning::port:
+            nothing_flashed_ = Cause::port;
+            break;
+        case Meaning::file:
+            nothing_flashed_ = Cause::file;
+            break;
+        default:
+            break;
+    }
+}
+
 /// What was wrong before this has been got over.
 void FlashLines::go_on() {
     failures_.clear();
@@ -257,7 +278,7 @@ void FlashLines::end(std::string_view unfinished, bool port_gone) {
     message = failure_in_words();
     switch (result_) {
         case Result::success:
-            cause = Cause::none;
+            cause = nothing_flashed_;
             break;
         case Result::failure:
             cause = cause_of_failure(port_gone);

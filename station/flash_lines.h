@@ -98,6 +98,7 @@ class FlashLines {
     void take_part(std::string_view text);
     void take_step(const StepText& step);
     void take_speed(std::string_view text);
+    void note_unusable(Meaning meaning);
     void go_on();
     [[nodiscard]] bool is_in(std::string_view context) const;
     [[nodiscard]] Cause cause_of_failure(bool port_gone) const;
@@ -109,6 +110,7 @@ class FlashLines {
     bool arguments_shown_ = false;
     bool family_spoke_ = false;  ///< behind its arguments
     bool usage_shown_ = false;
+    Cause nothing_flashed_ = Cause::none;  ///< why a success would not be one
     bool answered_ = false;                   ///< by the module
     bool file_failed_ = false;                ///< standard error says so
     std::uint64_t bytes_before_ = 0;          ///< flashed by the transfers that are over

@@ -262,6 +262,23 @@ TEST(ResultLine, LastLineDecides) {
               Cause::none);
 }
 
+TEST(ResultLine, SuccessIsNotBelievedWhereTheToolSaysThatItCouldNotBegin) {
+    const std::string arguments = "new_argv[0]:orbix_flash\n";
+    EXPECT_EQ(follow(arguments + "[000.003][ERROR] Open & config the serial failed\n" + success)
+                  .lines.cause,
+              Cause::port);
+    EXPECT_EQ(follow(arguments + "[000.000] Usage: orbix_flash [OPTIONS]\n" + success).lines.cause,
+              Cause::usage);
+    // The package has no layout: its flash is erased, and nothing is written.
+    const Followed no_layout =
+        follow(arguments + "[000.900][ERROR] fw/flash_download.cfg non-existent\n" +
+               "[000.950] Flash upgrade successfully\n" + success);
+    EXPECT_EQ(no_layout.lines.cause, Cause::file);
+    // What is tried again does not count.
+    EXPECT_EQ(follow(arguments + "[000.900][ERROR] ACK time out 500 ms\n" + success).lines.cause,
+              Cause::none);
+}
+
 TEST(ResultLine, NothingMayStandBehindIt) {
     EXPECT_EQ(follow(success + std::string("more\n")).lines.cause, Cause::no_result);
     EXPECT_EQ(follow(success + std::string("\n")).lines.cause, Cause::no_result);
