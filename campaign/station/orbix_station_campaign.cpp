@@ -45,7 +45,6 @@ struct Tally {
     std::atomic<std::uint64_t> records;
     std::atomic<std::uint64_t> page_events;
     std::atomic<std::uint64_t> flashed_but_failed;
-    std::atomic<std::uint64_t> doubtful;
 };
 
 void print_help(std::FILE* out) {
@@ -81,7 +80,6 @@ void count(const RoundReport& report, Tally& tally) {
     tally.records += report.records;
     tally.page_events += report.page_events;
     tally.flashed_but_failed += report.flashed_but_failed;
-    tally.doubtful += report.doubtful;
 }
 
 /// One round in a process and a folder of its own. Returns its exit status.
@@ -216,7 +214,6 @@ int main(int argc, char** argv) {
     show(tally.records, "records");
     show(tally.page_events, "events of the page");
     show(tally.flashed_but_failed, "flashed, but the answer to the last step was lost");
-    show(tally.doubtful, "told as good with an ERROR line beside it, and not flashed");
     std::printf("%llu rounds in %.0f s, seeds %llu to %llu: %llu with a violation\n",
                 static_cast<unsigned long long>(options.runs), taken.count(),
                 static_cast<unsigned long long>(options.seed),

@@ -59,7 +59,6 @@ struct RoundReport {
     std::size_t records = 0;
     std::size_t page_events = 0;
     std::size_t flashed_but_failed = 0;  ///< the answer to the last step was lost
-    std::size_t doubtful = 0;  ///< a SUCCESS of a family that could not begin, told as "good, but"
 };
 
 /// Draws a round. The current folder takes the files of the rig.

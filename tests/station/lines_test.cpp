@@ -211,11 +211,13 @@ TEST_P(EveryMode, MissingImageIsAFileCause) {
     if (!rig.written.empty()) {
         GTEST_SKIP() << "a readback takes no image";
     }
-    const auto option = std::find(rig.arguments.begin(), rig.arguments.end(), "-f");
-    if (option == rig.arguments.end()) {
-        GTEST_SKIP() << "a package without its layout is a success of the tool's";
-    }
-    std::filesystem::remove(*std::next(option));
+    const auto value_of = [&rig](const char* option) {
+        const auto place = std::find(rig.arguments.begin(), rig.arguments.end(), option);
+        return place == rig.arguments.end() ? std::string() : *std::next(place);
+    };
+    const std::string image = value_of("-f");
+    const std::string layout = value_of("-d") + "/flash_download.cfg";
+    ASSERT_TRUE(std::filesystem::remove(image.empty() ? layout : image));
     const Outcome outcome = run_with(rig, {});
     if (scenario.family == std::string_view("AG3352") ||
         scenario.family == std::string_view("ZPX710P")) {
