@@ -45,6 +45,8 @@ writes firmware into GNSS receiver modules through their boot loaders, and
 reads flash back from those that allow it. It knows 103 models of twelve
 families.
 .
+orbix_station flashes many modules side by side, for production.
+.
 orbix_sim plays each of these modules on a pseudo-terminal, so that everything
 can be tried without hardware.")
 
