@@ -110,7 +110,7 @@ class FlashLines {
     bool arguments_shown_ = false;
     bool family_spoke_ = false;  ///< behind its arguments
     bool usage_shown_ = false;
-    Cause nothing_flashed_ = Cause::none;  ///< why a success would not be one
+    Cause nothing_flashed_ = Cause::none;     ///< why a success would not be one
     bool answered_ = false;                   ///< by the module
     bool file_failed_ = false;                ///< standard error says so
     std::uint64_t bytes_before_ = 0;          ///< flashed by the transfers that are over

@@ -36,9 +36,9 @@ nlohmann::json changes_json(const Changes& changes, Clock::time_point now) {
     for (const Row& row : changes.rows) {
         rows.push_back(row_json(row, now));
     }
-    return {{"schema", schema},    {"good", changes.counters.good},
-            {"bad", changes.counters.bad}, {"ended", changes.closed},
-            {"ports", changes.ports},      {"rows", std::move(rows)}};
+    return {
+        {"schema", schema},        {"good", changes.counters.good}, {"bad", changes.counters.bad},
+        {"ended", changes.closed}, {"ports", changes.ports},        {"rows", std::move(rows)}};
 }
 
 std::string json_line(const nlohmann::json& json) {
