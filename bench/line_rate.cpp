@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "awake.h"
 #include "catalogue.h"
 #include "cli/process.h"
 #include "measured.h"
@@ -339,11 +340,17 @@ class Table : public benchmark::BenchmarkReporter {
 }  // namespace orbix::bench
 
 int main(int argc, char** argv) {
-    char** const end = argv + argc;
-    char** const rest = std::remove(argv, end, std::string_view("--all"));
-    const bool all = rest != end;
-    argc = static_cast<int>(rest - argv);
-    all ? orbix::bench::add_all() : orbix::bench::add_short();
+    const auto take_flag = [&argc, argv](std::string_view flag) {
+        char** const end = argv + argc;
+        char** const rest = std::remove(argv, end, flag);
+        argc = static_cast<int>(rest - argv);
+        return rest != end;
+    };
+    take_flag("--all") ? orbix::bench::add_all() : orbix::bench::add_short();
+    std::optional<orbix::bench::AwakeProcessors> awake;
+    if (take_flag("--awake")) {
+        awake.emplace();
+    }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 2;

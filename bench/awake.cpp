@@ -1,0 +1,29 @@
+#include "awake.h"
+
+#include <pthread.h>
+#include <sched.h>
+
+namespace orbix::bench {
+
+namespace {
+
+void stay_awake(const std::stop_token& stop, unsigned processor) {
+    const sched_param no_priority{};
+    pthread_setschedparam(pthread_self(), SCHED_IDLE, &no_priority);
+    cpu_set_t processors;
+    CPU_ZERO(&processors);
+    CPU_SET(processor, &processors);
+    pthread_setaffinity_np(pthread_self(), sizeof processors, &processors);
+    while (!stop.stop_requested()) {
+    }
+}
+
+}  // namespace
+
+AwakeProcessors::AwakeProcessors() {
+    for (unsigned processor = 0; processor < std::thread::hardware_concurrency(); ++processor) {
+        threads_.emplace_back(stay_awake, processor);
+    }
+}
+
+}  // namespace orbix::bench
