@@ -468,8 +468,9 @@ TEST(Records, TellTheWholeRun) {
         "echo '[000.000][INFO] Waiting for Sync...'\n"
         "echo '[000.100][INFO] Start to EraseAPP...'\n"
         "echo '[000.200][INFO] Erase Flash success!'\n"
-        "printf '%s\\n' '[000.300][PROGRESS] 50.00%' "
-        "'[000.300][SPEED] 100 Bytes/200 Bytes    12.5 KBps'\nsleep 0.1\n"
+        // Both lines in one write: the first record of progress tells what came by then.
+        "cat <<'END'\n[000.300][PROGRESS] 50.00%\n"
+        "[000.300][SPEED] 100 Bytes/200 Bytes    12.5 KBps\nEND\nsleep 0.1\n"
         "echo '[000.400][SPEED] 200 Bytes/200 Bytes    12.5 KBps'\n"
         "echo '[000.400][INFO] Upgrade success!'\n" +
         std::string(success));
