@@ -87,6 +87,25 @@ Meaning meaning_of(std::string_view failure) {
     return known != nullptr ? known->meaning : Meaning::broke_off;
 }
 
+/// The cause that lies before any dialogue with the module, and is certain; none for a meaning that
+/// leaves it open.
+Cause certain_cause(Meaning meaning) {
+    switch (meaning) {
+        case Meaning::usage:
+            return Cause::usage;
+        case Meaning::port:
+            return Cause::port;
+        case Meaning::file:
+            return Cause::file;
+        case Meaning::no_sync:
+        case Meaning::refused:
+        case Meaning::broke_off:
+        case Meaning::remark:
+            break;
+    }
+    return Cause::none;
+}
+
 }  // namespace
 
 bool fits(std::string_view text, std::string_view pattern) {
@@ -159,7 +178,9 @@ void FlashLines::take_part(std::string_view text) {
     family_spoke_ = family_spoke_ || arguments_shown_;
     if (take_prefix(text, "[ERROR] ")) {
         failures_.emplace_back(without_line_end(text));
-        note_unusable(meaning_of(failures_.back()));
+        const Cause certain = certain_cause(meaning_of(failures_.back()));
+        // A few families report success where nothing was flashed.
+        nothing_flashed_ = certain != Cause::none ? certain : nothing_flashed_;
         return;
     }
     if (take_prefix(text, "[PROGRESS] ")) {
@@ -228,23 +249,6 @@ void FlashLines::take_speed(std::string_view text) {
     }
 }
 
-/// A few families report success where nothing was flashed.
-void FlashLines::note_unusable(Meaning meaning) {
-    switch (meaning) {
-        case Meaning::usage:
-            nothing_flashed_ = Cause::usage;
-            break;
-        case Meaning::port:
-            nothing_flashed_ = Cause::port;
-            break;
-        case Meaning::file:
-            nothing_flashed_ = Cause::file;
-            break;
-        default:
-            break;
-    }
-}
-
 /// What was wrong before this has been got over.
 void FlashLines::go_on() {
     failures_.clear();
@@ -300,22 +304,14 @@ Cause FlashLines::cause_of_failure(bool port_gone) const {
     }
     Cause found = broke_off;
     for (const std::string& failure : failures_) {
-        switch (meaning_of(failure)) {
-            case Meaning::usage:
-                return Cause::usage;
-            case Meaning::port:
-                return Cause::port;
-            case Meaning::file:
-                return Cause::file;
-            case Meaning::refused:
-                found = port_gone ? broke_off : Cause::refused;
-                break;
-            case Meaning::no_sync:
-                found = found == Cause::refused ? found : Cause::no_sync;
-                break;
-            case Meaning::broke_off:
-            case Meaning::remark:
-                break;
+        const Meaning meaning = meaning_of(failure);
+        if (const Cause certain = certain_cause(meaning); certain != Cause::none) {
+            return certain;
+        }
+        if (meaning == Meaning::refused) {
+            found = port_gone ? broke_off : Cause::refused;
+        } else if (meaning == Meaning::no_sync && found != Cause::refused) {
+            found = Cause::no_sync;
         }
     }
     return file_failed_ ? Cause::file : found;

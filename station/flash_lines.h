@@ -98,7 +98,6 @@ class FlashLines {
     void take_part(std::string_view text);
     void take_step(const StepText& step);
     void take_speed(std::string_view text);
-    void note_unusable(Meaning meaning);
     void go_on();
     [[nodiscard]] bool is_in(std::string_view context) const;
     [[nodiscard]] Cause cause_of_failure(bool port_gone) const;
