@@ -23,32 +23,16 @@ using sim::FaultKind;
 /// How long a run may go on once its device has vanished.
 constexpr std::uint64_t farewell_ms = 60'000;
 
+constexpr FaultOdds fault_odds[] = {
+    // Kind, weight, most; in how many per cent another amount is taken, and which.
+    {FaultKind::drop, 2, 2000, 60, 1},      {FaultKind::flip, 2, 2000, 60, 1},
+    {FaultKind::duplicate, 1, 2000, 60, 1}, {FaultKind::noise, 1, 600, 0, 0},
+    {FaultKind::delay, 1, 15'000, 0, 0},    {FaultKind::silence, 1, 30'000, 10, 0},
+    {FaultKind::unplug, 1, 0, 0, 0},        {FaultKind::power_cycle, 1, 0, 0, 0},
+};
+
 Fault draw_fault(Draw& draw, const Rig& rig) {
-    Fault fault;
-    fault.kind = draw.pick({FaultKind::drop, FaultKind::drop, FaultKind::flip, FaultKind::flip,
-                            FaultKind::duplicate, FaultKind::noise, FaultKind::delay,
-                            FaultKind::silence, FaultKind::unplug, FaultKind::power_cycle});
-    fault.direction = draw.chance(50) ? Direction::to_module : Direction::to_host;
-    switch (fault.kind) {
-        case FaultKind::drop:
-        case FaultKind::flip:
-        case FaultKind::duplicate:
-            fault.amount = draw.chance(60) ? 1 : draw.magnitude(1, 2000);
-            break;
-        case FaultKind::noise:
-            fault.amount = draw.magnitude(1, 600);
-            break;
-        case FaultKind::delay:
-            fault.amount = draw.magnitude(1, 15'000);
-            break;
-        case FaultKind::silence:
-            fault.amount = draw.chance(10) ? 0 : draw.magnitude(1, 30'000);
-            break;
-        case FaultKind::unplug:
-        case FaultKind::power_cycle:
-            fault.amount = 0;
-            break;
-    }
+    Fault fault = draw.fault(fault_odds);
     if (draw.chance(75)) {
         const std::uint64_t length =
             fault.direction == Direction::to_module ? rig.bytes_to_module : rig.bytes_to_host;

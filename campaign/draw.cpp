@@ -29,4 +29,23 @@ std::size_t Draw::image_size(std::size_t block, std::size_t most) {
     return chance(50) ? magnitude(1, most) : number(1, most);
 }
 
+sim::Fault Draw::fault(std::span<const FaultOdds> table) {
+    std::vector<const FaultOdds*> tickets;
+    for (const FaultOdds& odds : table) {
+        tickets.insert(tickets.end(), odds.weight, &odds);
+    }
+    const FaultOdds& odds = *tickets[number(0, tickets.size() - 1)];
+    sim::Fault fault;
+    fault.kind = odds.kind;
+    fault.direction = chance(50) ? sim::Direction::to_module : sim::Direction::to_host;
+    if (odds.most == 0) {
+        fault.amount = 0;
+    } else if (odds.special_percent != 0 && chance(odds.special_percent)) {
+        fault.amount = odds.special;
+    } else {
+        fault.amount = magnitude(1, odds.most);
+    }
+    return fault;
+}
+
 }  // namespace orbix::campaign

@@ -5,11 +5,22 @@
 #include <initializer_list>
 #include <iterator>
 #include <random>
+#include <span>
 #include <vector>
 
+#include "faults.h"
 #include "temp_dir.h"
 
 namespace orbix::campaign {
+
+/// How often a kind of fault is drawn among others, and how strong.
+struct FaultOdds {
+    sim::FaultKind kind;
+    unsigned weight;
+    std::uint64_t most;        ///< the largest amount; 0: the kind has none
+    unsigned special_percent;  ///< how often the special amount is taken instead
+    std::uint64_t special;
+};
 
 class Draw {
   public:
@@ -41,6 +52,9 @@ class Draw {
 
     /// An image of such a size.
     sim::Bytes image(std::size_t block, std::size_t most) { return bytes(image_size(block, most)); }
+
+    /// A fault in any direction, without its place.
+    sim::Fault fault(std::span<const FaultOdds> table);
 
   private:
     std::mt19937_64 random_;

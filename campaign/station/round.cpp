@@ -105,30 +105,17 @@ void draw_modules(Draw& draw, Plan& plan) {
     }
 }
 
+/// Milder than in virtual time: a round waits for what they bring about.
+constexpr FaultOdds fault_odds[] = {
+    // Kind, weight, most; in how many per cent another amount is taken, and which.
+    {FaultKind::drop, 1, 600, 50, 1},      {FaultKind::flip, 1, 600, 50, 1},
+    {FaultKind::duplicate, 1, 600, 50, 1}, {FaultKind::noise, 1, 600, 50, 1},
+    {FaultKind::delay, 1, 1500, 0, 0},     {FaultKind::silence, 1, 3000, 40, 0},
+    {FaultKind::unplug, 2, 0, 0, 0},       {FaultKind::power_cycle, 1, 0, 0, 0},
+};
+
 Fault draw_fault(Draw& draw, const Rig& rig, double seconds) {
-    Fault fault;
-    fault.kind = draw.pick({FaultKind::drop, FaultKind::flip, FaultKind::duplicate,
-                            FaultKind::noise, FaultKind::delay, FaultKind::silence,
-                            FaultKind::unplug, FaultKind::unplug, FaultKind::power_cycle});
-    fault.direction = draw.chance(50) ? Direction::to_module : Direction::to_host;
-    switch (fault.kind) {
-        case FaultKind::drop:
-        case FaultKind::flip:
-        case FaultKind::duplicate:
-        case FaultKind::noise:
-            fault.amount = draw.chance(50) ? 1 : draw.magnitude(1, 600);
-            break;
-        case FaultKind::delay:
-            fault.amount = draw.magnitude(1, 1500);
-            break;
-        case FaultKind::silence:
-            fault.amount = draw.chance(40) ? 0 : draw.magnitude(1, 3000);
-            break;
-        case FaultKind::unplug:
-        case FaultKind::power_cycle:
-            fault.amount = 0;
-            break;
-    }
+    Fault fault = draw.fault(fault_odds);
     if (draw.chance(75)) {
         fault.byte = draw.number(
             0, fault.direction == Direction::to_module ? rig.bytes_to_module : rig.bytes_to_host);
