@@ -1,7 +1,5 @@
 // orbix_campaign: many runs of the tool with seeded random faults on the line, and the checks that
 // must hold whatever happens.
-#include <getopt.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +14,8 @@
 #include <vector>
 
 #include "campaign.h"
+#include "command_line.h"
+#include "share.h"
 
 namespace {
 
@@ -35,6 +35,8 @@ struct Options {
     std::optional<std::vector<orbix::sim::Fault>> faults;
     bool trace = false;
     bool summary = false;
+    bool list = false;
+    bool help = false;
 };
 
 void print_help(std::FILE* out) {
@@ -55,6 +57,12 @@ void print_help(std::FILE* out) {
         "  --help         print this text\n"
         "\n"
         "The exit status is 0 when all checks held, 1 when one did not.\n");
+}
+
+void list_modes() {
+    for (const Scenario& scenario : scenarios()) {
+        std::printf("%-10s %s\n", scenario.family, scenario.mode);
+    }
 }
 
 std::vector<const Scenario*> chosen(const Options& options) {
@@ -89,17 +97,6 @@ struct Shared {
 struct Post {
     std::atomic<std::uint64_t> run;
 };
-
-template <typename Content>
-Content* share() {
-    void* memory =
-        mmap(nullptr, sizeof(Content), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) {
-        std::perror("mmap");
-        std::exit(usage_error);
-    }
-    return new (memory) Content{};
-}
 
 void say_replay(const Scenario& scenario, std::uint64_t seed) {
     std::printf("  replay: orbix_campaign --family %s --mode %s --seed %llu --runs 1 --trace\n",
@@ -249,88 +246,42 @@ std::uint64_t report(const std::vector<const Scenario*>& table, const Options& o
     return violated;
 }
 
-bool parse_options(int argc, char** argv, Options& options) {
-    enum Option : int {
-        o_family = 1,
-        o_mode,
-        o_seed,
-        o_runs,
-        o_faults,
-        o_jobs,
-        o_trace,
-        o_sum,
-        o_list
+/// Reads the command line. Returns false when it is not understood.
+bool read_command_line(int argc, char** argv, Options& options) {
+    const std::vector<orbix::sim::Option> known{
+        orbix::sim::text("family", options.family),
+        orbix::sim::text("mode", options.mode),
+        orbix::sim::number("seed", options.seed),
+        orbix::sim::number<std::uint64_t>("runs", options.runs, 1),
+        orbix::sim::fault_list("faults", options.faults),
+        orbix::sim::number("jobs", options.jobs),
+        orbix::sim::flag("trace", options.trace),
+        orbix::sim::flag("summary", options.summary),
+        orbix::sim::flag("list", options.list),
+        orbix::sim::flag("help", options.help),
     };
-    std::string error;
-    const option long_options[] = {
-        {"family", required_argument, nullptr, o_family},
-        {"mode", required_argument, nullptr, o_mode},
-        {"seed", required_argument, nullptr, o_seed},
-        {"runs", required_argument, nullptr, o_runs},
-        {"faults", required_argument, nullptr, o_faults},
-        {"jobs", required_argument, nullptr, o_jobs},
-        {"trace", no_argument, nullptr, o_trace},
-        {"summary", no_argument, nullptr, o_sum},
-        {"list", no_argument, nullptr, o_list},
-        {"help", no_argument, nullptr, 'h'},
-        {nullptr, 0, nullptr, 0},
-    };
-    for (int letter = getopt_long(argc, argv, "h", long_options, nullptr); letter != -1;
-         letter = getopt_long(argc, argv, "h", long_options, nullptr)) {
-        switch (letter) {
-            case o_family:
-                options.family = optarg;
-                break;
-            case o_mode:
-                options.mode = optarg;
-                break;
-            case o_seed:
-                options.seed = std::strtoull(optarg, nullptr, 10);
-                break;
-            case o_runs:
-                options.runs = std::strtoull(optarg, nullptr, 10);
-                break;
-            case o_faults:
-                options.faults = orbix::sim::parse_faults(optarg, error);
-                if (!options.faults) {
-                    std::fprintf(stderr, "orbix_campaign: %s\n", error.c_str());
-                    return false;
-                }
-                break;
-            case o_jobs:
-                options.jobs = static_cast<unsigned>(std::strtoul(optarg, nullptr, 10));
-                break;
-            case o_trace:
-                options.trace = true;
-                break;
-            case o_sum:
-                options.summary = true;
-                break;
-            case o_list:
-                for (const Scenario& scenario : scenarios()) {
-                    std::printf("%-10s %s\n", scenario.family, scenario.mode);
-                }
-                std::exit(0);
-            case 'h':
-                print_help(stdout);
-                std::exit(0);
-            default:
-                return false;
-        }
-    }
-    return optind == argc;
+    const auto words = orbix::sim::read_options(argc, argv, known);
+    return words && words->empty();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     Options options;
-    if (!parse_options(argc, argv, options)) {
+    if (!read_command_line(argc, argv, options)) {
         print_help(stderr);
         return usage_error;
     }
+    if (options.help) {
+        print_help(stdout);
+        return 0;
+    }
+    if (options.list) {
+        list_modes();
+        return 0;
+    }
     const auto table = chosen(options);
-    if (table.empty() || table.size() > Shared::most_modes || options.runs == 0) {
+    if (table.empty() || table.size() > Shared::most_modes) {
         std::fprintf(stderr, "orbix_campaign: nothing to run; --list prints families and modes\n");
         return usage_error;
     }

@@ -1,13 +1,13 @@
 // orbix_sim: a simulated module on a pseudo-terminal.
-#include <getopt.h>
-
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "catalogue.h"
+#include "command_line.h"
 #include "core/support_table.h"
 #include "pty_host.h"
 
@@ -74,100 +74,50 @@ bool write_dump(const std::string& path, Model& model) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    enum Option : int {
-        o_link = 1,
-        o_count,
-        o_rate,
-        o_pace,
-        o_instant,
-        o_faults,
-        o_seed,
-        o_dump,
-        o_list,
-        o_help
-    };
-    const option long_options[] = {
-        {"link", required_argument, nullptr, o_link},
-        {"count", required_argument, nullptr, o_count},
-        {"rate", required_argument, nullptr, o_rate},
-        {"pace", no_argument, nullptr, o_pace},
-        {"instant", no_argument, nullptr, o_instant},
-        {"faults", required_argument, nullptr, o_faults},
-        {"seed", required_argument, nullptr, o_seed},
-        {"dump", required_argument, nullptr, o_dump},
-        {"list", no_argument, nullptr, o_list},
-        {"help", no_argument, nullptr, o_help},
-        {nullptr, 0, nullptr, 0},
-    };
     PtySettings settings;
+    std::optional<std::vector<orbix::sim::Fault>> faults;
     std::string dump_path;
     unsigned start_rate = 0;
     std::size_t count = 1;
-    for (int letter = getopt_long(argc, argv, "h", long_options, nullptr); letter != -1;
-         letter = getopt_long(argc, argv, "h", long_options, nullptr)) {
-        switch (letter) {
-            case o_link:
-                settings.link = optarg;
-                break;
-            case o_count:
-                count = std::strtoul(optarg, nullptr, 10);
-                if (count == 0 || count > most_modules) {
-                    std::fprintf(stderr, "orbix_sim: --count takes a number from 1 to %zu\n",
-                                 most_modules);
-                    return usage_error;
-                }
-                break;
-            case o_rate:
-                start_rate = static_cast<unsigned>(std::strtoul(optarg, nullptr, 10));
-                if (start_rate == 0) {
-                    std::fprintf(stderr, "orbix_sim: --rate takes a number of bits a second\n");
-                    return usage_error;
-                }
-                break;
-            case o_pace:
-                settings.paced = true;
-                break;
-            case o_instant:
-                settings.instant = true;
-                break;
-            case o_faults: {
-                std::string error;
-                const auto parsed = orbix::sim::parse_faults(optarg, error);
-                if (!parsed) {
-                    std::fprintf(stderr, "orbix_sim: --faults: %s\n", error.c_str());
-                    return usage_error;
-                }
-                settings.faults = *parsed;
-                break;
-            }
-            case o_seed:
-                settings.seed = std::strtoull(optarg, nullptr, 10);
-                break;
-            case o_dump:
-                dump_path = optarg;
-                break;
-            case o_list:
-                list_models();
-                return 0;
-            case 'h':
-            case o_help:
-                print_help(stdout);
-                return 0;
-            default:
-                std::fprintf(stderr, "Try 'orbix_sim --help'.\n");
-                return usage_error;
-        }
+    bool list_wanted = false;
+    bool help_wanted = false;
+    const std::vector<orbix::sim::Option> options{
+        orbix::sim::text("link", settings.link),
+        orbix::sim::number<std::size_t>("count", count, 1, most_modules),
+        orbix::sim::number("rate", start_rate, 1U),
+        orbix::sim::flag("pace", settings.paced),
+        orbix::sim::flag("instant", settings.instant),
+        orbix::sim::fault_list("faults", faults),
+        orbix::sim::number("seed", settings.seed),
+        orbix::sim::text("dump", dump_path),
+        orbix::sim::flag("list", list_wanted),
+        orbix::sim::flag("help", help_wanted),
+    };
+    const auto words = orbix::sim::read_options(argc, argv, options);
+    if (!words) {
+        std::fprintf(stderr, "Try 'orbix_sim --help'.\n");
+        return usage_error;
     }
-    if (optind + 1 != argc) {
+    if (help_wanted) {
+        print_help(stdout);
+        return 0;
+    }
+    if (list_wanted) {
+        list_models();
+        return 0;
+    }
+    if (words->size() != 1) {
         print_help(stderr);
         return usage_error;
     }
+    settings.faults = std::move(faults).value_or(std::vector<orbix::sim::Fault>{});
+    const std::string& name = words->front();
     std::vector<std::unique_ptr<Model>> models(count);
     for (auto& model : models) {
-        model = orbix::sim::make_model(argv[optind]);
+        model = orbix::sim::make_model(name);
         if (model == nullptr) {
             std::fprintf(stderr, "orbix_sim: no simulated model \"%s\"; --list prints them all\n",
-                         argv[optind]);
+                         name.c_str());
             return usage_error;
         }
         if (start_rate != 0) {

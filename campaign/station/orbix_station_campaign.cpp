@@ -1,7 +1,5 @@
 // orbix_station_campaign: rounds of the station with seeded random faults, and the checks that must
 // hold whatever happens.
-#include <getopt.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,11 +11,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <map>
-#include <new>
 #include <string>
+#include <vector>
 
-#include "campaign/station/processes.h"
+#include "campaign/share.h"
 #include "campaign/station/round.h"
+#include "command_line.h"
 #include "temp_dir.h"
 
 namespace {
@@ -33,8 +32,9 @@ struct Options {
     std::uint64_t seed = 1;
     std::uint64_t runs = 10;
     std::uint64_t jobs = 2;
-    bool verbose = false;
     std::string programs;  ///< their folder
+    bool verbose = false;
+    bool help = false;
 };
 
 /// What came of the rounds; shared by their processes.
@@ -61,16 +61,6 @@ void print_help(std::FILE* out) {
                  "  --help         print this text\n"
                  "\n"
                  "The exit status is 0 when all checks held, 1 when one did not.\n");
-}
-
-Tally& shared_tally() {
-    void* memory =
-        mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) {
-        std::perror("mmap");
-        std::exit(usage_error);
-    }
-    return *new (memory) Tally{};
 }
 
 void count(const RoundReport& report, Tally& tally) {
@@ -153,55 +143,35 @@ std::uint64_t run_all(const Options& options, Tally& tally) {
     return violated;
 }
 
-bool parse_options(int argc, char** argv, Options& options) {
-    enum Option : int { o_seed = 1, o_runs, o_jobs, o_programs, o_verbose };
-    const option long_options[] = {
-        {"seed", required_argument, nullptr, o_seed},
-        {"runs", required_argument, nullptr, o_runs},
-        {"jobs", required_argument, nullptr, o_jobs},
-        {"programs", required_argument, nullptr, o_programs},
-        {"verbose", no_argument, nullptr, o_verbose},
-        {"help", no_argument, nullptr, 'h'},
-        {nullptr, 0, nullptr, 0},
-    };
+/// Reads the command line. Returns false when it is not understood.
+bool read_command_line(int argc, char** argv, Options& options) {
     options.programs = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-    for (int letter = getopt_long(argc, argv, "h", long_options, nullptr); letter != -1;
-         letter = getopt_long(argc, argv, "h", long_options, nullptr)) {
-        switch (letter) {
-            case o_seed:
-                options.seed = std::strtoull(optarg, nullptr, 10);
-                break;
-            case o_runs:
-                options.runs = std::strtoull(optarg, nullptr, 10);
-                break;
-            case o_jobs:
-                options.jobs = std::strtoull(optarg, nullptr, 10);
-                break;
-            case o_programs:
-                options.programs = std::filesystem::absolute(optarg);
-                break;
-            case o_verbose:
-                options.verbose = true;
-                break;
-            case 'h':
-                print_help(stdout);
-                std::exit(0);
-            default:
-                return false;
-        }
-    }
-    return optind == argc && options.runs != 0 && options.jobs != 0;
+    const std::vector<orbix::sim::Option> known{
+        orbix::sim::number("seed", options.seed),
+        orbix::sim::number<std::uint64_t>("runs", options.runs, 1),
+        orbix::sim::number<std::uint64_t>("jobs", options.jobs, 1),
+        orbix::sim::text("programs", options.programs),
+        orbix::sim::flag("verbose", options.verbose),
+        orbix::sim::flag("help", options.help),
+    };
+    const auto words = orbix::sim::read_options(argc, argv, known);
+    options.programs = std::filesystem::absolute(options.programs);
+    return words && words->empty();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     Options options;
-    if (!parse_options(argc, argv, options)) {
+    if (!read_command_line(argc, argv, options)) {
         print_help(stderr);
         return usage_error;
     }
-    Tally& tally = shared_tally();
+    if (options.help) {
+        print_help(stdout);
+        return 0;
+    }
+    Tally& tally = *share<Tally>();
     const auto begun = std::chrono::steady_clock::now();
     const std::uint64_t violated = run_all(options, tally);
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begun;

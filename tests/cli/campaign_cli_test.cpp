@@ -47,6 +47,7 @@ TEST(CampaignProgram, ListsAndRefuses) {
     EXPECT_EQ(run_program("orbix_campaign", {"--family", "nosuch"}).status, 2);
     EXPECT_EQ(run_program("orbix_campaign", {"--nosuch"}).status, 2);
     EXPECT_EQ(run_program("orbix_campaign", {"--runs", "0"}).status, 2);
+    EXPECT_EQ(run_program("orbix_campaign", {"--seed", "x"}).status, 2);
     EXPECT_EQ(run_program("orbix_campaign", {"--faults", "nonsense"}).status, 2);
 }
 

@@ -133,6 +133,10 @@ TEST(ProgramSim, HelpListAndBadArguments) {
     EXPECT_EQ(run_program("orbix_sim", {"TR52G", "--faults", "explode@3"}).status, 2);
     EXPECT_EQ(run_program("orbix_sim", {"TR52G", "--faults", "drop"}).status, 2);
     EXPECT_EQ(run_program("orbix_sim", {"TR52G", "--rate", "0"}).status, 2);
+    const Finished words_behind = run_program("orbix_sim", {"TR52G", "--rate", "9600 baud"});
+    EXPECT_EQ(words_behind.status, 2);
+    EXPECT_TRUE(words_behind.errors.starts_with("orbix_sim: --rate takes a number from 1 to "))
+        << words_behind.errors;
 }
 
 TEST(ProgramSim, FaultOnTheLineIsRetried) {
