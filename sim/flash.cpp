@@ -33,6 +33,11 @@ std::span<const std::uint8_t> Flash::read(std::uint32_t address, std::size_t len
     return std::span(cells_).subspan(address - base_, length);
 }
 
+bool Flash::holds(std::uint32_t address, std::span<const std::uint8_t> content) const {
+    return contains(address, content.size()) &&
+           std::ranges::equal(read(address, content.size()), content);
+}
+
 void Flash::note(std::uint32_t address, std::size_t length) {
     const std::uint32_t end = address + static_cast<std::uint32_t>(length);
     if (!touched_.empty() && touched_.back().end == address) {

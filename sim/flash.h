@@ -25,6 +25,10 @@ class Flash {
     [[nodiscard]] std::span<const std::uint8_t> read(std::uint32_t address,
                                                      std::size_t length) const;
 
+    /// Whether this content stands at the address; it does not where it would reach past the
+    /// memory.
+    [[nodiscard]] bool holds(std::uint32_t address, std::span<const std::uint8_t> content) const;
+
     /// Sets every byte, as a test's starting point.
     void fill(std::uint8_t value);
 

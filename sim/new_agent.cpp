@@ -139,9 +139,7 @@ void NewAgent::write(Wire& wire) {
             status = Status::flash_failed;
         } else {
             flash_.program(address, data);
-            const auto held = flash_.read(address, block_size);
-            const bool same = std::equal(held.begin(), held.end(), data.begin());
-            status = same ? Status::success : Status::flash_failed;
+            status = flash_.holds(address, data) ? Status::success : Status::flash_failed;
         }
     }
     reply(wire, {BootAnswer::write_block, little_endian(address), settings_.program_time}, status);

@@ -243,8 +243,7 @@ void OldAgent::take_packet(Wire& wire) {
     bool written = sum == from_big_endian(std::span(item_).subspan(packet_size));
     if (written && voice_.flash_holds(answer)) {
         flash_.program(address, data);
-        const auto held = flash_.read(address, packet_size);
-        written = std::equal(held.begin(), held.end(), data.begin());
+        written = flash_.holds(address, data);
     } else {
         written = false;
     }

@@ -27,11 +27,7 @@ constexpr const char* holds = "holds the image";
 
 bool holds_image(const Rig& rig) {
     return std::all_of(rig.held.begin(), rig.held.end(), [](const Held& held) {
-        if (!held.flash->contains(held.address, held.content.size())) {
-            return false;
-        }
-        const auto cells = held.flash->read(held.address, held.content.size());
-        return std::equal(cells.begin(), cells.end(), held.content.begin(), held.content.end());
+        return held.flash->holds(held.address, held.content);
     });
 }
 
