@@ -18,7 +18,7 @@ namespace orbix::sim {
 struct Conditions {
     std::vector<Fault> faults;
     std::uint64_t seed = 1;
-    VirtualPort::Settings port;
+    VirtualPort::Settings port{};
     bool traced = true;      ///< keep the bytes of the line
     std::size_t packet = 1;  ///< how many bytes of an answer arrive together
 };

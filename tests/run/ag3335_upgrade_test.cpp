@@ -17,7 +17,6 @@ namespace {
 using sim::Ag3335Module;
 using sim::append_big_endian;
 using sim::BootAnswer;
-using Lines = std::vector<std::string>;
 
 constexpr std::uint32_t flash_base = Ag3335Module::flash_base;
 constexpr std::size_t old_agent_size = 27895;
@@ -1386,8 +1385,7 @@ TEST(Ag3335OldWrite, FlashThatDoesNotTakeAPacketEndsTheWrite) {
     };
     const ToolRun run = upgrade.run();
     expect_failure(run, step_failed("send_fw_file serial_read 0x69 fail", "send_fw_file error"));
-    const auto held = upgrade.module.flash().read(flash_base, 100);
-    EXPECT_TRUE(std::equal(held.begin(), held.end(), upgrade.images[0].content.begin()))
+    EXPECT_TRUE(upgrade.module.flash().holds(flash_base, upgrade.images[0].content))
         << "an image that is written stays written";
 }
 
@@ -1832,8 +1830,7 @@ TEST_P(Ag3335Package, LayoutLinesThatMeanNothingDoNoHarm) {
     const ToolRun run = upgrade.run();
     EXPECT_EQ(run.result(), upgrade_success);
     EXPECT_EQ(sent_images(run), (Lines{"a.bin", "b.bin"}));
-    const auto held = upgrade.module.flash().read(flash_base + 0x5000, 100);
-    EXPECT_TRUE(std::equal(held.begin(), held.end(), upgrade.images[1].content.begin()));
+    EXPECT_TRUE(upgrade.module.flash().holds(flash_base + 0x5000, upgrade.images[1].content));
 }
 
 TEST_P(Ag3335Package, LayoutValuesBeginAtAFixedDistanceBehindTheirKeys) {
@@ -1843,8 +1840,7 @@ TEST_P(Ag3335Package, LayoutValuesBeginAtAFixedDistanceBehindTheirKeys) {
     const ToolRun run = upgrade.run();
     EXPECT_EQ(run.result(), upgrade_success);
     EXPECT_EQ(sent_images(run), Lines{"a.bin"});
-    const auto held = upgrade.module.flash().read(flash_base + 0x5000, 100);
-    EXPECT_TRUE(std::equal(held.begin(), held.end(), upgrade.images[0].content.begin()));
+    EXPECT_TRUE(upgrade.module.flash().holds(flash_base + 0x5000, upgrade.images[0].content));
 }
 
 TEST_P(Ag3335Package, EntryWithoutAFileFails) {

@@ -457,8 +457,7 @@ TEST_F(Ag3352Download, RefusedBlocksAreSkipped) {
         const auto begin = images[0].content.begin() + block * block_size;
         expected.insert(expected.end(), begin, begin + block_size);
     }
-    const auto held = module.flash().read(0x08010000, expected.size());
-    EXPECT_TRUE(std::equal(held.begin(), held.end(), expected.begin()));
+    EXPECT_TRUE(module.flash().holds(0x08010000, expected));
 }
 
 TEST_F(Ag3352Download, ThirdRefusalEndsTheImage) {

@@ -6,6 +6,7 @@
 #include "app_loader.h"
 #include "checksums.h"
 #include "run/harness.h"
+#include "run/unplugged.h"
 #include "upgrade_frames.h"
 
 namespace orbix::test {
@@ -15,7 +16,6 @@ using sim::AppLoader;
 using sim::make_upgrade_frame;
 using sim::SyncEvent;
 using sim::UpgradeFrame;
-using Lines = std::vector<std::string>;
 
 constexpr std::uint32_t load_address = 0x08009000;
 
@@ -27,10 +27,6 @@ constexpr std::uint8_t version_command = 0x71;
 
 std::vector<std::string> upgrade_arguments(const std::string& image) {
     return {"-m", "TR52G", "-p", "COM6", "-b", "115200", "-f", image, "-t", "UPG"};
-}
-
-void append(Bytes& bytes, std::span<const std::uint8_t> more) {
-    bytes.insert(bytes.end(), more.begin(), more.end());
 }
 
 Bytes big_endian(std::uint32_t value) {
@@ -120,11 +116,6 @@ Lines step_lines(const ToolRun& run) {
     return {first, lines.end()};
 }
 
-Lines joined(Lines lines, const Lines& more) {
-    lines.insert(lines.end(), more.begin(), more.end());
-    return lines;
-}
-
 // --- runs that go well ---------------------------------------------------------------------------
 
 class Ag3352UpgradeSizes : public ::testing::TestWithParam<std::size_t> {};
@@ -138,8 +129,7 @@ TEST_P(Ag3352UpgradeSizes, FlashHoldsTheImageAndNothingElse) {
     EXPECT_EQ(run.result(), upgrade_success);
     EXPECT_EQ(run.status, 0);
     const auto& flash = upgrade.module.flash();
-    const auto held = flash.read(load_address, GetParam());
-    EXPECT_TRUE(std::equal(held.begin(), held.end(), upgrade.image.begin(), upgrade.image.end()));
+    EXPECT_TRUE(flash.holds(load_address, upgrade.image));
     EXPECT_EQ(flash.cells()[0x8FFF], 0x00) << "the boot loader's own area was touched";
     EXPECT_EQ(flash.cells()[0x9000 + GetParam()], 0xFF);
     EXPECT_TRUE(upgrade.module.rebooted());
@@ -669,21 +659,9 @@ TEST(Ag3352Upgrade, FirmwareThatShrinksDuringTheTransfer) {
 }
 
 TEST(Ag3352Upgrade, UnpluggedAtAnyByteTheRunFails) {
-    const std::size_t dialogue = whole_dialogue(Upgrade().image).size();
-    for (const auto direction : {sim::Direction::to_module, sim::Direction::to_host}) {
-        const std::size_t last = direction == sim::Direction::to_module ? dialogue : 80;
-        for (std::size_t byte = 0; byte < last; byte += byte < 100 ? 1 : 97) {
-            Upgrade upgrade;
-            Conditions conditions;
-            conditions.faults.push_back(
-                {.kind = sim::FaultKind::unplug, .direction = direction, .byte = byte});
-            const ToolRun run = upgrade.run(conditions);
-            ASSERT_EQ(run.result(), upgrade_failure(-1)) << "byte " << byte;
-            ASSERT_LT(run.duration_ms, 30'000U) << "byte " << byte;
-            ASSERT_FALSE(run.hit_time_limit) << "byte " << byte;
-            ASSERT_EQ(run.closes, 2);
-        }
-    }
+    expect_failure_wherever_unplugged(
+        [](const Conditions& conditions) { return Upgrade().run(conditions); },
+        {.start = 100, .step_at_start = 1, .step = 97, .most_ms = 30'000});
 }
 
 TEST(Ag3352Upgrade, PowerLostAtAnyByteNeverEndsInSuccessWithoutTheImage) {
@@ -693,8 +671,7 @@ TEST(Ag3352Upgrade, PowerLostAtAnyByteNeverEndsInSuccessWithoutTheImage) {
         Conditions conditions = unplugged_after_ms(60'000);
         conditions.faults.push_back({.kind = sim::FaultKind::power_cycle, .byte = byte});
         const ToolRun run = upgrade.run(conditions);
-        const auto held = upgrade.module.flash().read(load_address, upgrade.image.size());
-        const bool complete = std::equal(held.begin(), held.end(), upgrade.image.begin());
+        const bool complete = upgrade.module.flash().holds(load_address, upgrade.image);
         ASSERT_TRUE(run.result() == upgrade_failure(-1) || complete) << "byte " << byte;
     }
 }

@@ -58,10 +58,6 @@ Bytes flash_with(const std::vector<PackageImage>& images, std::size_t size) {
     return flash;
 }
 
-void append(Bytes& bytes, std::span<const std::uint8_t> more) {
-    bytes.insert(bytes.end(), more.begin(), more.end());
-}
-
 void append_hex(Bytes& bytes, const std::string& digits) {
     append(bytes, hex(digits));
 }

@@ -33,7 +33,6 @@ void write_package(const TempDir& folder, const std::vector<PackageImage>& image
 Bytes flash_with(const std::vector<PackageImage>& images, std::size_t size);
 
 /// Appends to what is expected on the wire.
-void append(Bytes& bytes, std::span<const std::uint8_t> more);
 void append_hex(Bytes& bytes, const std::string& digits);
 
 /// A frame of the new agent with its CRC: header and fields as hex digits, then the data.

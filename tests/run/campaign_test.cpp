@@ -432,9 +432,9 @@ TEST(CampaignExceptions, XmodemEndsAtAByteOfADamagedBlock) {
     // The last block is number 4. Without its first byte it begins with this number: the end.
     conditions.faults.push_back({.kind = FaultKind::drop, .byte = sent - 1 - 1029});
     const ToolRun run(module, arguments, conditions);
-    const auto held = module.flash().read(module.flash().base(), image.size());
-    EXPECT_TRUE(std::equal(held.begin(), held.begin() + 3072, image.begin()));
-    EXPECT_FALSE(std::equal(held.begin(), held.end(), image.begin()));
+    const sim::Flash& flash = module.flash();
+    EXPECT_TRUE(flash.holds(flash.base(), std::span(image).first(3072)));
+    EXPECT_FALSE(flash.holds(flash.base(), image));
     EXPECT_EQ(run.result(), upgrade_success);
 }
 
@@ -489,8 +489,7 @@ TEST(CampaignExceptions, FletcherSumsOverABlockMissThreeTurnedBits) {
         conditions.faults.push_back(
             {.kind = FaultKind::flip, .byte = static_cast<std::uint64_t>(place), .amount = 3});
         const ToolRun run(module, arguments, conditions);
-        const auto held = module.flash().read(module.flash().base(), image.size());
-        const bool right = std::equal(held.begin(), held.end(), image.begin());
+        const bool right = module.flash().holds(module.flash().base(), image);
         missed = !right && run.result() == upgrade_success;
     }
     EXPECT_TRUE(missed) << "one triple of turned bits in about eighty goes unseen";
@@ -517,8 +516,7 @@ class AppBootRun {
         sent = run.sent.size();
         received = run.received.size();
         const auto& flash = module.app().flash();
-        const auto held = flash.read(flash.base(), image.size());
-        holds_image = std::equal(held.begin(), held.end(), image.begin());
+        holds_image = flash.holds(flash.base(), image);
     }
 
     bool succeeded = false;
@@ -562,8 +560,7 @@ class Zpx710pRomRun {
                            folder.write("fw.bin", image), "-t", "DL"},
                           conditions);
         succeeded = run.result() == upgrade_success;
-        const auto held = module.flash().read(module.flash().base(), image.size());
-        holds_image = std::equal(held.begin(), held.end(), image.begin());
+        holds_image = module.flash().holds(module.flash().base(), image);
     }
 
     sim::Zpx710pRomLoader module;

@@ -11,19 +11,12 @@
 namespace orbix::test {
 namespace {
 
-using Lines = std::vector<std::string>;
-
 /// A run whose port does not exist: it ends at once, after all that comes before.
 ToolRun without_port(const std::vector<std::string>& arguments) {
     SilentModule module;
     Conditions conditions;
     conditions.port.open_error = ENOENT;
     return ToolRun(module, arguments, conditions);
-}
-
-bool has_line(const ToolRun& run, const std::string& line) {
-    const Lines lines = run.lines();
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
 const Lines usage_lines{

@@ -3,6 +3,7 @@
 
 #include "evaluation_board.h"
 #include "run/harness.h"
+#include "run/unplugged.h"
 #include "upgrade_frames.h"
 
 namespace orbix::test {
@@ -21,8 +22,7 @@ class Evb : public ::testing::Test {
         return ToolRun(board_, arguments(), std::move(conditions));
     }
     bool holds_image() {
-        const auto held = board_.flash().read(EvaluationBoard::application_address, image_.size());
-        return std::equal(held.begin(), held.end(), image_.begin(), image_.end());
+        return board_.flash().holds(EvaluationBoard::application_address, image_);
     }
 
     /// Every response to a command of this id becomes what `change` makes of it.
@@ -39,11 +39,6 @@ class Evb : public ::testing::Test {
     EvaluationBoard board_;
     Bytes image_ = random_image(12'000);
 };
-
-bool has_line(const ToolRun& run, const std::string& line) {
-    const auto lines = run.lines();
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
 
 TEST_F(Evb, SaysAndSendsExactlyThis) {
     image_ = {'f', 'i', 'r', 'm'};
@@ -67,13 +62,10 @@ TEST_F(Evb, SaysAndSendsExactlyThis) {
     EXPECT_EQ(run.result(), upgrade_success);
 
     Bytes sent = hex("09 13 56 4B 04 A5 03 12 AA F0 01 00 00 A6 E0 A3 8C 55");
-    const Bytes info =
-        sim::make_upgrade_frame(2, 2, hex("00 00 00 04 96 29 8F 72 00 00 00 00 01 00 00 00"));
-    sent.insert(sent.end(), info.begin(), info.end());
-    const Bytes erase = hex("AA 02 03 00 00 89 0B A9 CE 55");
-    sent.insert(sent.end(), erase.begin(), erase.end());
-    const Bytes data = sim::make_upgrade_frame(2, 4, hex("00 00 00 00 66 69 72 6D"));
-    sent.insert(sent.end(), data.begin(), data.end());
+    append(sent,
+           sim::make_upgrade_frame(2, 2, hex("00 00 00 04 96 29 8F 72 00 00 00 00 01 00 00 00")));
+    append(sent, hex("AA 02 03 00 00 89 0B A9 CE 55"));
+    append(sent, sim::make_upgrade_frame(2, 4, hex("00 00 00 00 66 69 72 6D")));
     EXPECT_EQ(as_hex(run.sent), as_hex(sent)) << "and no reset";
 
     const auto progress = run.progress_lines();
@@ -231,14 +223,9 @@ TEST_F(Evb, BadInputIsReported) {
 }
 
 TEST_F(Evb, EndsWhereverTheDeviceVanishes) {
-    const std::uint64_t whole = upgrade().duration_ms;
-    for (std::uint64_t time = 1; time < whole; time += 43) {
-        const ToolRun run = upgrade(unplugged_after_ms(time));
-        ASSERT_FALSE(run.hit_time_limit) << "unplugged after " << time << " ms";
-        ASSERT_EQ(run.result(), upgrade_failure(-1)) << "unplugged after " << time << " ms";
-        ASSERT_TRUE(run.family_lines().back().starts_with("[ERROR] "));
-        ASSERT_LE(run.duration_ms, time + 22'000);
-    }
+    expect_failure_whenever_unplugged(
+        [this](const Conditions& conditions) { return upgrade(conditions); },
+        {.interval_ms = 43, .most_ms_behind = 22'000});
 }
 
 }  // namespace

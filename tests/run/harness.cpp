@@ -6,12 +6,26 @@
 
 namespace orbix::test {
 
+Lines joined(Lines first, const Lines& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+bool has_line(const ToolRun& run, const std::string& line) {
+    const Lines lines = run.lines();
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
 std::string upgrade_failure(int code) {
     return "[FAIL] orbix_flash upgrade fail,ret:[" + std::to_string(code) + "]";
 }
 
 std::string readback_failure(int code) {
     return "[FAIL] orbix_flash readback fail,ret:[" + std::to_string(code) + "]";
+}
+
+void append(Bytes& bytes, std::span<const std::uint8_t> more) {
+    bytes.insert(bytes.end(), more.begin(), more.end());
 }
 
 Bytes hex(const std::string& digits) {

@@ -39,10 +39,19 @@ class SilentModule : public sim::Model {
     sim::Flash flash_{0, 0};
 };
 
+using Lines = std::vector<std::string>;
+
+Lines joined(Lines first, const Lines& second);
+
+/// Whether one of a run's lines is this.
+bool has_line(const ToolRun& run, const std::string& line);
+
 inline const std::string upgrade_success = "[SUCCESS] orbix_flash upgrade success";
 inline const std::string readback_success = "[SUCCESS] orbix_flash readback success";
 std::string upgrade_failure(int code);
 std::string readback_failure(int code);
+
+void append(Bytes& bytes, std::span<const std::uint8_t> more);
 
 /// Splits bytes given as hex digits with blanks, "AA 02 03".
 Bytes hex(const std::string& digits);

@@ -3,6 +3,7 @@
 
 #include "monitor_module.h"
 #include "run/harness.h"
+#include "run/unplugged.h"
 #include "upgrade_frames.h"
 
 namespace orbix::test {
@@ -31,18 +32,12 @@ class Monitor : public ::testing::Test {
     }
 
     bool holds_image(MonitorModule& module, std::uint32_t address) {
-        const auto held = module.flash().read(address, image_.size());
-        return std::equal(held.begin(), held.end(), image_.begin(), image_.end());
+        return module.flash().holds(address, image_);
     }
 
     TempDir folder_;
     Bytes image_ = random_image(12'000);
 };
-
-bool has_line(const ToolRun& run, const std::string& line) {
-    const auto lines = run.lines();
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
 
 /// The Fletcher pair behind a frame's first two bytes.
 Bytes with_sums(Bytes frame) {
@@ -90,14 +85,11 @@ TEST_F(Monitor, AutomaticResetSaysAndSendsExactlyThis) {
     EXPECT_EQ(run.family_lines(), expected);
     EXPECT_EQ(run.result(), upgrade_success);
 
-    const Bytes info =
-        sim::make_upgrade_frame(2, 2, hex("00 00 00 04 96 29 8F 72 00 00 00 41 00 00 00 00"));
-    const Bytes data = sim::make_upgrade_frame(2, 4, hex("00 00 00 00 66 69 72 6D"));
     Bytes end = hex("09 13 56 4B 04 A5 03 12");
-    end.insert(end.end(), info.begin(), info.end());
-    const Bytes erase = hex("AA 02 03 00 00 89 0B A9 CE 55");
-    end.insert(end.end(), erase.begin(), erase.end());
-    end.insert(end.end(), data.begin(), data.end());
+    append(end,
+           sim::make_upgrade_frame(2, 2, hex("00 00 00 04 96 29 8F 72 00 00 00 41 00 00 00 00")));
+    append(end, hex("AA 02 03 00 00 89 0B A9 CE 55"));
+    append(end, sim::make_upgrade_frame(2, 4, hex("00 00 00 00 66 69 72 6D")));
     EXPECT_EQ(as_hex(std::span(run.sent).first(36)),
               as_hex(reset_frame) + " " + as_hex(reset_frame) + " " + as_hex(reset_frame));
     EXPECT_EQ(as_hex(std::span(run.sent).last(end.size())), as_hex(end)) << "and nothing behind";
@@ -185,7 +177,7 @@ const std::string finished = "[INFO] Auto-reset finish...";
 const Bytes good = with_sums(hex("4B 47 03 01 04 00 03 01 00 00"));
 
 Bytes behind(Bytes front, const Bytes& rest) {
-    front.insert(front.end(), rest.begin(), rest.end());
+    append(front, rest);
     return front;
 }
 
@@ -406,14 +398,9 @@ TEST_F(Monitor, PortThatDoesNotOpenEndsTheRun) {
 TEST_F(Monitor, EndsWhereverTheDeviceVanishes) {
     for (const auto* reset : {"AUTO", "MANUAL"}) {
         MonitorModule module;
-        const std::uint64_t whole = upgrade(module, "APP", reset).duration_ms;
-        for (std::uint64_t time = 1; time < whole; time += 47) {
-            const ToolRun run = upgrade(module, "APP", reset, unplugged_after_ms(time));
-            ASSERT_FALSE(run.hit_time_limit) << "unplugged after " << time << " ms";
-            ASSERT_EQ(run.result(), upgrade_failure(-1)) << "unplugged after " << time << " ms";
-            ASSERT_TRUE(run.family_lines().back().starts_with("[ERROR] "));
-            ASSERT_LE(run.duration_ms, time + 22'000);
-        }
+        expect_failure_whenever_unplugged(
+            [&](const Conditions& conditions) { return upgrade(module, "APP", reset, conditions); },
+            {.interval_ms = 47, .most_ms_behind = 22'000});
     }
 }
 

@@ -5,6 +5,7 @@
 
 #include "checksums.h"
 #include "run/harness.h"
+#include "run/unplugged.h"
 #include "rx7040_module.h"
 
 namespace orbix::test {
@@ -156,8 +157,7 @@ TEST_P(Rx7040DownloadSizes, ArriveBlockByBlock) {
     EXPECT_EQ(run.result(), upgrade_success);
     EXPECT_TRUE(module.loader_code() == padded(without_header(loader_)));
     const Bytes expected = padded(firmware_);
-    const auto held = module.flash().read(flash_base, expected.size());
-    EXPECT_TRUE(std::equal(held.begin(), held.end(), expected.begin(), expected.end()));
+    EXPECT_TRUE(module.flash().holds(flash_base, expected));
     const auto behind =
         module.flash().read(static_cast<std::uint32_t>(flash_base + expected.size()), 1);
     EXPECT_EQ(behind[0], 0xFF) << "more blocks than there are";
@@ -255,8 +255,7 @@ TEST_F(Rx7040Download, OlderLoaderThatAnswersWithRequestsAloneIsUnderstood) {
     Rx7040Module module({.loader_has_words = false});
     const ToolRun run = download(module);
     EXPECT_EQ(run.result(), upgrade_success);
-    const auto held = module.flash().read(flash_base, firmware_.size());
-    EXPECT_TRUE(std::equal(held.begin(), held.end(), firmware_.begin(), firmware_.end()));
+    EXPECT_TRUE(module.flash().holds(flash_base, firmware_));
 }
 
 TEST_F(Rx7040Download, LoadersVerdictDecides) {
@@ -508,15 +507,12 @@ TEST_F(Rx7040Download, DisturbedBlockIsSentAgain) {
 }
 
 TEST_F(Rx7040Download, EndsWhereverTheDeviceVanishes) {
-    const std::uint64_t whole = download().duration_ms;
-    for (std::uint64_t time = 1; time < whole; time += 41) {
-        Rx7040Module module;
-        const ToolRun run = download(module, unplugged_after_ms(time));
-        ASSERT_FALSE(run.hit_time_limit) << "unplugged after " << time << " ms";
-        ASSERT_EQ(run.result(), upgrade_failure(-1)) << "unplugged after " << time << " ms";
-        ASSERT_NE(run.family_lines().back().find("[ERROR] "), std::string::npos);
-        ASSERT_LE(run.duration_ms, time + 31'000);
-    }
+    expect_failure_whenever_unplugged(
+        [this](const Conditions& conditions) {
+            Rx7040Module module;
+            return download(module, conditions);
+        },
+        {.interval_ms = 41, .most_ms_behind = 31'000});
 }
 
 }  // namespace

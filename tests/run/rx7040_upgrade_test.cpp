@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include "run/harness.h"
+#include "run/unplugged.h"
 #include "rx7040_module.h"
 #include "upgrade_frames.h"
 
@@ -38,8 +39,7 @@ class Rx7040Upgrade : public ::testing::Test {
     }
 
     [[nodiscard]] bool flash_holds_image() {
-        const auto held = module_.flash().read(Rx7040Module::application_address, image_.size());
-        return std::equal(held.begin(), held.end(), image_.begin(), image_.end());
+        return module_.flash().holds(Rx7040Module::application_address, image_);
     }
 
     TempDir folder_;
@@ -50,11 +50,6 @@ class Rx7040Upgrade : public ::testing::Test {
 Bytes acknowledgement(std::uint8_t id, Bytes behind = {0x00, 0x00}) {
     behind.insert(behind.begin(), {0x02, id});
     return sim::make_upgrade_frame(0x02, id, behind);
-}
-
-bool has_line(const ToolRun& run, const std::string& line) {
-    const auto lines = run.lines();
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
 TEST_F(Rx7040Upgrade, SaysAndSendsExactlyThis) {
@@ -81,15 +76,11 @@ TEST_F(Rx7040Upgrade, SaysAndSendsExactlyThis) {
 
     Bytes sent = hex("09 13 56 4B 04 A5 03 12 AA 02 71 00 00 DE 7E 15 F0 55");
     // CRC-32 of 04 00 00 00 "firm", from another program.
-    const Bytes info =
-        sim::make_upgrade_frame(0x02, 0x02, hex("00 00 00 04 96 29 8F 72 00 00 00 00 00 00 00 00"));
-    sent.insert(sent.end(), info.begin(), info.end());
-    const Bytes erase = hex("AA 02 03 00 00 89 0B A9 CE 55");
-    sent.insert(sent.end(), erase.begin(), erase.end());
-    const Bytes data = sim::make_upgrade_frame(0x02, 0x04, hex("00 00 00 00 66 69 72 6D"));
-    sent.insert(sent.end(), data.begin(), data.end());
-    const Bytes reset = hex("AA 02 31 00 00 AE E4 98 30 55");
-    sent.insert(sent.end(), reset.begin(), reset.end());
+    append(sent, sim::make_upgrade_frame(0x02, 0x02,
+                                         hex("00 00 00 04 96 29 8F 72 00 00 00 00 00 00 00 00")));
+    append(sent, hex("AA 02 03 00 00 89 0B A9 CE 55"));
+    append(sent, sim::make_upgrade_frame(0x02, 0x04, hex("00 00 00 00 66 69 72 6D")));
+    append(sent, hex("AA 02 31 00 00 AE E4 98 30 55"));
     EXPECT_EQ(as_hex(run.sent), as_hex(sent));
 
     EXPECT_TRUE(module_.rebooted());
@@ -109,8 +100,7 @@ TEST_P(Rx7040UpgradeSizes, FlashHoldsTheImageAndNothingElse) {
     const ToolRun run(module, upgrade_arguments(folder.write("app.pkg", image)));
 
     EXPECT_EQ(run.result(), upgrade_success);
-    const auto held = module.flash().read(Rx7040Module::application_address, image.size());
-    EXPECT_TRUE(std::equal(held.begin(), held.end(), image.begin(), image.end()));
+    EXPECT_TRUE(module.flash().holds(Rx7040Module::application_address, image));
     EXPECT_EQ(module.flash().read(Rx7040Module::application_address - 1, 1)[0], 0x00)
         << "the boot loader's own area was touched";
     const auto behind = module.flash().cells().last(1);
@@ -368,14 +358,9 @@ TEST_F(Rx7040Upgrade, DebugModeDumpsTheTraffic) {
 }
 
 TEST_F(Rx7040Upgrade, EndsWhereverTheDeviceVanishes) {
-    const std::uint64_t whole = upgrade(12'000).duration_ms;
-    for (std::uint64_t time = 1; time < whole; time += 41) {
-        const ToolRun run = upgrade(12'000, unplugged_after_ms(time));
-        ASSERT_FALSE(run.hit_time_limit) << "unplugged after " << time << " ms";
-        ASSERT_EQ(run.result(), upgrade_failure(-1)) << "unplugged after " << time << " ms";
-        ASSERT_TRUE(run.family_lines().back().starts_with("[ERROR] "));
-        ASSERT_LE(run.duration_ms, time + 22'000);
-    }
+    expect_failure_whenever_unplugged(
+        [this](const Conditions& conditions) { return upgrade(12'000, conditions); },
+        {.interval_ms = 41, .most_ms_behind = 22'000});
 }
 
 class Rx7040Entry : public Rx7040Upgrade, public ::testing::WithParamInterface<std::string> {};

@@ -9,6 +9,7 @@
 
 #include "run/harness.h"
 #include "run/teseo_support.h"
+#include "run/unplugged.h"
 #include "teseo/ram_loaders.h"
 #include "teseo_chip.h"
 
@@ -41,9 +42,7 @@ TeseoChip::Settings running(UpgradeAnswer answer, sim::Micros period = milliseco
 }
 
 Lines arguments(const std::string& image, const Lines& more = {}) {
-    Lines all{"-m", "TS30D", "-p", "COM6", "-b", "115200", "-f", image};
-    all.insert(all.end(), more.begin(), more.end());
-    return all;
+    return joined({"-m", "TS30D", "-p", "COM6", "-b", "115200", "-f", image}, more);
 }
 
 /// What the entry says before the dialogue.
@@ -58,20 +57,13 @@ Lines option_lines(const std::string& image, const std::string& mode = "") {
 }
 
 bool holds(TeseoChip& module, const Bytes& image) {
-    const auto held = module.flash().read(sim::teseo_flash_base, image.size());
-    return std::equal(held.begin(), held.end(), image.begin(), image.end());
+    return module.flash().holds(sim::teseo_flash_base, image);
 }
 
 const Lines loader_lines{"[INFO] Synchronize...",      "[INFO] Write options.",
                          "[INFO] Erase Code...",       "[INFO] Erase NVM...",
                          "[INFO] Sending Firmware...", "[INFO]  Checking CRC...",
                          "[INFO] Upgrade complete"};
-
-const Lines prompted_loader_lines = [] {
-    Lines lines = loader_lines;
-    lines.insert(lines.begin() + 1, "[INFO] Please power up the module within 5s.");
-    return lines;
-}();
 
 class Sta8089Sizes : public ::testing::TestWithParam<std::size_t> {};
 
@@ -113,7 +105,7 @@ TEST(Sta8089Recovery, SaysEachStepAndAsksForPower) {
     TeseoChip module(quiet());
     const ToolRun run(module, arguments(path, {"-t", "recovery"}));
 
-    EXPECT_EQ(run.family_lines(), joined(option_lines(path, "recovery"), prompted_loader_lines));
+    EXPECT_EQ(run.family_lines(), joined(option_lines(path, "recovery"), prompted(loader_lines)));
     EXPECT_EQ(run.result(), upgrade_success);
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.opens, 1);
@@ -142,9 +134,9 @@ TEST(Sta8089Recovery, BytesOnTheWire) {
     EXPECT_EQ(as_hex(std::span(record).first(8)), "01 00 00 01 03 00 00 00");
     EXPECT_EQ(as_hex(std::span(record).subspan(12)), "00 00 10 00 00 00 10 00");
     Bytes expected = hex("F4 01 D5 BC FF FF FF FF A3");
-    expected.insert(expected.end(), record.begin(), record.end());
+    append(expected, record);
     expected.push_back('J');
-    expected.insert(expected.end(), image.begin(), image.end());
+    append(expected, image);
     EXPECT_EQ(as_hex(run.sent), as_hex(expected));
     EXPECT_EQ(as_hex(run.received), "73 40 98 83 CC CC CC CC CC CC CC");
     EXPECT_EQ(run.rates, std::vector<unsigned>{115200});
@@ -171,15 +163,7 @@ TEST(Sta8089Recovery, ProgressIsCountedPerPieceAndSpeedOverTheWholeDialogue) {
     TeseoChip module(quiet());
     const ToolRun run(module, arguments(folder.write("app.bin", random_image(20'000))));
 
-    const Lines lines = run.progress_lines();
-    ASSERT_EQ(lines.size(), 4U);
-    EXPECT_EQ(lines[0], "[PROGRESS] 81.92%");
-    EXPECT_EQ(lines[2], "[PROGRESS] 100.00%");
-    const long since_sync = time_of(run, "[SPEED] 20000 Bytes/") - time_of(run, "Synchronize...");
-    std::array<char, 64> expected{};
-    std::snprintf(expected.data(), expected.size(), "[SPEED] 20000 Bytes/20000 Bytes    %.1f KBps",
-                  20'000.0 / 1024.0 * 1000.0 / static_cast<double>(since_sync));
-    EXPECT_EQ(lines[3], expected.data());
+    expect_progress_per_piece(run);
 }
 
 TEST(Sta8089Recovery, SilentModuleIsGivenUpAfterFiveSeconds) {
@@ -294,11 +278,7 @@ class Sta8089LoaderFailures : public ::testing::TestWithParam<LoaderFailure> {
         TeseoChip module(quiet());
         module.loader().tamper = answering_wrongly(failure.step, replacement);
         const ToolRun run(module, arguments(path));
-        Lines expected = joined(option_lines(path), loader_lines);
-        expected.resize(option_lines(path).size() + failure.lines);
-        expected.push_back(line);
-        expected.emplace_back(failure.summary);
-        expect_failed_run(run, expected);
+        expect_failed_run(run, failed_lines(option_lines(path), loader_lines, failure, line));
         duration_ms = run.duration_ms;
     }
     std::uint64_t duration_ms = 0;
@@ -428,7 +408,7 @@ TEST(Sta8089Normal, SilentModuleIsAskedForPower) {
 
     const Lines fall_back{"[INFO] Unable to find nmea presence, enter recovery mode to upgrade."};
     EXPECT_EQ(run.family_lines(),
-              joined(option_lines(path, "normal"), joined(fall_back, prompted_loader_lines)));
+              joined(option_lines(path, "normal"), joined(fall_back, prompted(loader_lines))));
     EXPECT_EQ(run.result(), upgrade_success);
     EXPECT_GE(time_of(run, "Unable to find"), 11 * 600) << "11 reads of 500 ms, each with a pause";
     EXPECT_LE(time_of(run, "Unable to find"), 11 * 600 + 5);
@@ -598,8 +578,7 @@ TEST(Sta8089Boot, BytesOnTheWire) {
         hex("40 1A 5D 21 71 00 C2 01 00 38 5A"
             "F4 01 D5 BC 73 40 98 83 04 01 FF 00 00 00 00 00"
             "AD F0 E6 F8 64 29 00 00 00 00 00 00");
-    const auto& loader = sta9100::sta8089_bootloader_Bx_buffer;
-    expected.insert(expected.end(), loader.begin(), loader.end());
+    append(expected, sta9100::sta8089_bootloader_Bx_buffer);
     expected.push_back('J');
     const Bytes info = module.rom().info();
     ASSERT_EQ(info.size(), 56U);
@@ -607,8 +586,8 @@ TEST(Sta8089Boot, BytesOnTheWire) {
     EXPECT_EQ(as_hex(std::span(info).subspan(12)),
               "00 00 00 10 00 00 00 00 01 00 00 00 00 00 00 00 00 00 10 00 00 00 10 00 "
               "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00");
-    expected.insert(expected.end(), info.begin(), info.end());
-    expected.insert(expected.end(), image.begin(), image.end());
+    append(expected, info);
+    append(expected, image);
     EXPECT_EQ(as_hex(run.sent), as_hex(expected));
 }
 
@@ -766,25 +745,13 @@ TEST(Sta8089Faults, UnpluggedAtAnyByteTheRunFails) {
     const TempDir folder;
     const std::string path = folder.write("app.bin", random_image(6000));
     for (const std::string mode : {"normal", "boot"}) {
-        TeseoChip module(running(UpgradeAnswer::accepted));
-        const ToolRun whole(module, arguments(path, {"-t", mode}));
-        ASSERT_EQ(whole.result(), upgrade_success);
-        for (const auto direction : {sim::Direction::to_module, sim::Direction::to_host}) {
-            const std::size_t bytes =
-                direction == sim::Direction::to_module ? whole.sent.size() : whole.received.size();
-            // Every byte of the short messages, some of the image.
-            for (std::size_t byte = 0; byte < bytes; byte += byte < 100 ? 1 : 3001) {
-                TeseoChip victim(running(UpgradeAnswer::accepted));
-                Conditions conditions;
-                conditions.faults = {
-                    {.kind = sim::FaultKind::unplug, .direction = direction, .byte = byte}};
-                const ToolRun run(victim, arguments(path, {"-t", mode}), conditions);
-                EXPECT_EQ(run.result(), upgrade_failure(-1)) << mode << " byte " << byte;
-                EXPECT_FALSE(run.hit_time_limit);
-                EXPECT_EQ(run.closes, 1);
-                EXPECT_LE(run.duration_ms, 130'000U);
-            }
-        }
+        SCOPED_TRACE(mode);
+        expect_failure_wherever_unplugged(
+            [&](const Conditions& conditions) {
+                TeseoChip module(running(UpgradeAnswer::accepted));
+                return ToolRun(module, arguments(path, {"-t", mode}), conditions);
+            },
+            {.start = 100, .step_at_start = 1, .step = 3001, .most_ms = 130'000});
     }
 }
 

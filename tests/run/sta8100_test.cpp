@@ -9,6 +9,7 @@
 
 #include "run/harness.h"
 #include "run/teseo_support.h"
+#include "run/unplugged.h"
 #include "sta8100_module.h"
 #include "teseo/app_boot.h"
 
@@ -253,19 +254,13 @@ const Lines loader_lines{"[INFO] Synchronize...",      "[INFO] Write options.",
                          "[INFO] Erase Code...",       "[INFO] Erase NVM...",
                          "[INFO] Sending Firmware...", "[INFO]  Checking CRC..."};
 
-const Lines prompted_loader_lines = [] {
-    Lines lines = loader_lines;
-    lines.insert(lines.begin() + 1, "[INFO] Please power up the module within 5s.");
-    return lines;
-}();
-
 TEST(Sta8100Recovery, SaysEachStepAndAsksForPower) {
     const TempDir folder;
     const std::string path = folder.write("app.bin", random_image(100));
     Sta8100Module module(quiet());
     const ToolRun run(module, arguments(path, {"-t", "recovery"}));
     EXPECT_EQ(run.family_lines(),
-              joined(option_lines(path, "Mode: recovery"), prompted_loader_lines));
+              joined(option_lines(path, "Mode: recovery"), prompted(loader_lines)));
     EXPECT_EQ(run.result(), upgrade_success);
     EXPECT_EQ(run.opens, 1);
     EXPECT_EQ(run.closes, 1);
@@ -286,12 +281,10 @@ TEST(Sta8100Recovery, BytesOnTheWireAndRates) {
     const ToolRun run(module, arguments(folder.write("app.bin", image)));
     Bytes expected;
     for (int count = 0; count < 1000; ++count) {
-        const Bytes pair = hex("F4 01 D5 BC FF FF FF FF");
-        expected.insert(expected.end(), pair.begin(), pair.end());
+        append(expected, hex("F4 01 D5 BC FF FF FF FF"));
     }
-    const Bytes rest =
-        hex("A3 01 00 00 02 03 00 00 00 B9 1F 46 F0 00 F0 0F 00 00 10 10 00 4A 41 42 43");
-    expected.insert(expected.end(), rest.begin(), rest.end());
+    append(expected,
+           hex("A3 01 00 00 02 03 00 00 00 B9 1F 46 F0 00 F0 0F 00 00 10 10 00 4A 41 42 43"));
     EXPECT_EQ(as_hex(run.sent), as_hex(expected));
     EXPECT_EQ(run.rates, (std::vector<unsigned>{115200, 230400}));
 }
@@ -309,15 +302,7 @@ TEST(Sta8100Recovery, ProgressIsCountedPerPieceAndSpeedOverTheWholeDialogue) {
     const TempDir folder;
     Sta8100Module module(quiet());
     const ToolRun run(module, arguments(folder.write("app.bin", random_image(20'000))));
-    const Lines lines = run.progress_lines();
-    ASSERT_EQ(lines.size(), 4U);
-    EXPECT_EQ(lines[0], "[PROGRESS] 81.92%");
-    EXPECT_EQ(lines[2], "[PROGRESS] 100.00%");
-    const long since_sync = time_of(run, "[SPEED] 20000 Bytes/") - time_of(run, "Synchronize...");
-    std::array<char, 64> expected{};
-    std::snprintf(expected.data(), expected.size(), "[SPEED] 20000 Bytes/20000 Bytes    %.1f KBps",
-                  20'000.0 / 1024.0 * 1000.0 / static_cast<double>(since_sync));
-    EXPECT_EQ(lines[3], expected.data());
+    expect_progress_per_piece(run);
 }
 
 TEST(Sta8100Recovery, SilentModuleIsGivenUpAfterFiveSecondsWithoutAnEntryLine) {
@@ -381,13 +366,7 @@ class Sta8100LoaderFailures : public ::testing::TestWithParam<LoaderFailure> {
         Sta8100Module module(quiet());
         module.chip().loader().tamper = answering_wrongly(failure.step, replacement);
         const ToolRun run(module, arguments(path));
-        Lines expected = joined(option_lines(path), loader_lines);
-        expected.resize(option_lines(path).size() + failure.lines);
-        expected.push_back(line);
-        if (*failure.summary != '\0') {
-            expected.emplace_back(failure.summary);
-        }
-        expect_failed_run(run, expected);
+        expect_failed_run(run, failed_lines(option_lines(path), loader_lines, failure, line));
         duration_ms = run.duration_ms;
     }
     std::uint64_t duration_ms = 0;
@@ -486,7 +465,7 @@ TEST(Sta8100Normal, WithoutAnAnswerItGoesOnAsInRecovery) {
         const Lines fall_back{
             "[INFO] Unable to find nmea presence, enter recovery mode to upgrade."};
         EXPECT_EQ(run.family_lines(), joined(option_lines(path, "Mode: normal"),
-                                             joined(fall_back, prompted_loader_lines)));
+                                             joined(fall_back, prompted(loader_lines))));
         EXPECT_EQ(run.result(), upgrade_success);
         if (period == 0) {
             EXPECT_NEAR(static_cast<double>(time_of(run, "Unable to find")), 6 * 600, 5);
@@ -1053,29 +1032,16 @@ TEST(Sta8100Faults, UnpluggedInAnyStepTheRunFails) {
     const std::string path = folder.write("app.bin", random_image(6000));
     const Lines ways[] = {{"-t", "normal"}, {"-t", "boot"}, {"-c", "app"}, {"-c", "app_boot"}};
     for (const Lines& way : ways) {
+        SCOPED_TRACE(way[1]);
         auto settings = running(UpgradeAnswer::accepted);
         settings.app_waits = way[1] == "app_boot";
-        Sta8100Module whole_module(settings);
-        whole_module.app().flash().fill(0x00);
-        const ToolRun whole(whole_module, arguments(path, way));
-        ASSERT_EQ(whole.result(), upgrade_success);
-        for (const auto direction : {sim::Direction::to_module, sim::Direction::to_host}) {
-            const std::size_t bytes =
-                direction == sim::Direction::to_module ? whole.sent.size() : whole.received.size();
-            // Some bytes of each message.
-            for (std::size_t byte = 0; byte < bytes; byte += byte < 60 ? 7 : 2001) {
-                Sta8100Module victim(settings);
-                victim.app().flash().fill(0x00);
-                Conditions conditions;
-                conditions.faults = {
-                    {.kind = sim::FaultKind::unplug, .direction = direction, .byte = byte}};
-                const ToolRun run(victim, arguments(path, way), conditions);
-                EXPECT_EQ(run.result(), upgrade_failure(-1)) << way[1] << " byte " << byte;
-                EXPECT_FALSE(run.hit_time_limit);
-                EXPECT_FALSE(run.left_open);
-                EXPECT_LE(run.duration_ms, 400'000U) << way[1] << " byte " << byte;
-            }
-        }
+        expect_failure_wherever_unplugged(
+            [&](const Conditions& conditions) {
+                Sta8100Module module(settings);
+                module.app().flash().fill(0x00);
+                return ToolRun(module, arguments(path, way), conditions);
+            },
+            {.start = 60, .step_at_start = 7, .step = 2001, .most_ms = 400'000});
     }
 }
 

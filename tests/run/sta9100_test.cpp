@@ -7,6 +7,7 @@
 
 #include "run/harness.h"
 #include "run/teseo_support.h"
+#include "run/unplugged.h"
 #include "teseo/ram_loaders.h"
 #include "teseo_chip.h"
 
@@ -27,9 +28,7 @@ TeseoChip::Settings quiet() {
 }
 
 Lines arguments(const std::string& image, const Lines& more = {}) {
-    Lines all{"-m", "TS90B", "-p", "COM6", "-b", "115200", "-f", image};
-    all.insert(all.end(), more.begin(), more.end());
-    return all;
+    return joined({"-m", "TS90B", "-p", "COM6", "-b", "115200", "-f", image}, more);
 }
 
 Lines option_lines(const std::string& image) {
@@ -79,8 +78,7 @@ TEST_P(Sta9100Sizes, FlashHoldsTheImage) {
     const ToolRun run(module, arguments(folder.write("app.bin", image)));
 
     EXPECT_EQ(run.result(), upgrade_success);
-    const auto held = module.flash().read(sim::teseo_flash_base, image.size());
-    EXPECT_TRUE(std::equal(held.begin(), held.end(), image.begin(), image.end()));
+    EXPECT_TRUE(module.flash().holds(sim::teseo_flash_base, image));
     EXPECT_TRUE(module.completed());
     EXPECT_EQ(module.rom().complaints, Lines{});
     EXPECT_EQ(module.flash().cells().back(), 0x00) << "nothing but the program area is erased";
@@ -125,14 +123,12 @@ TEST(Sta9100, BytesOnTheWire) {
         hex("FD C6 49 28 71 00 C2 01 00 38 5A"
             "F4 01 D5 BC 73 40 98 83 04 01 FF 00 00 00 00 00"
             "03 D3 26 DD A0 2A 00 00 00 00 00 00");
-    const auto& loader = sta9100::sta9100_bootloader_Bx_buffer;
-    expected.insert(expected.end(), loader.begin(), loader.end());
-    const Bytes rest =
-        hex("4A"
-            "09 00 00 00 01 00 00 00 E2 61 1C A5 00 00 00 10 00 04 00 00 02 00 00 00 00 00 00 00"
-            "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"
-            "31 32 33 34 35 36 37 38 39");
-    expected.insert(expected.end(), rest.begin(), rest.end());
+    append(expected, sta9100::sta9100_bootloader_Bx_buffer);
+    append(expected,
+           hex("4A"
+               "09 00 00 00 01 00 00 00 E2 61 1C A5 00 00 00 10 00 04 00 00 02 00 00 00 00 00 00 00"
+               "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"
+               "31 32 33 34 35 36 37 38 39"));
     EXPECT_EQ(as_hex(run.sent), as_hex(expected));
     EXPECT_EQ(as_hex(run.received), "3A 54 2C A6 CC CC CC CC CC CC CC CC CC CC CC");
 }
@@ -406,23 +402,12 @@ TEST(Sta9100Options, PortThatCannotBeOpened) {
 TEST(Sta9100Faults, UnpluggedAtAnyByteTheRunFails) {
     const TempDir folder;
     const std::string path = folder.write("app.bin", random_image(6000));
-    TeseoChip module(quiet());
-    const ToolRun whole(module, arguments(path));
-    ASSERT_EQ(whole.result(), upgrade_success);
-    for (const auto direction : {sim::Direction::to_module, sim::Direction::to_host}) {
-        const std::size_t bytes =
-            direction == sim::Direction::to_module ? whole.sent.size() : whole.received.size();
-        for (std::size_t byte = 0; byte < bytes; byte += byte < 60 ? 1 : 1499) {
-            TeseoChip victim(quiet());
-            Conditions conditions;
-            conditions.faults = {
-                {.kind = sim::FaultKind::unplug, .direction = direction, .byte = byte}};
-            const ToolRun run(victim, arguments(path), conditions);
-            EXPECT_EQ(run.result(), upgrade_failure(-1)) << "byte " << byte;
-            EXPECT_EQ(run.closes, 1);
-            EXPECT_LE(run.duration_ms, 70'000U);
-        }
-    }
+    expect_failure_wherever_unplugged(
+        [&](const Conditions& conditions) {
+            TeseoChip module(quiet());
+            return ToolRun(module, arguments(path), conditions);
+        },
+        {.start = 60, .step_at_start = 1, .step = 1499, .most_ms = 70'000});
 }
 
 TEST(Sta9100Faults, LostByteOfTheLoaderIsATimeOut) {

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <string>
@@ -13,13 +15,6 @@
 #include "teseo_loader.h"
 
 namespace orbix::test {
-
-using Lines = std::vector<std::string>;
-
-inline Lines joined(Lines first, const Lines& second) {
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
 
 /// The time stamp of the first line that contains `text`, in ms.
 inline long time_of(const ToolRun& run, const std::string& text) {
@@ -57,8 +52,41 @@ struct LoaderFailure {
     sim::TeseoStep step;
     std::size_t lines;  ///< of `loader_lines`, before the failure
     const char* limit;
-    const char* summary;
+    const char* summary;  ///< or empty
 };
+
+/// What such a run says: the lines before the failure, what is wrong with the answer, and what
+/// comes of it.
+inline Lines failed_lines(const Lines& option_lines, const Lines& loader_lines,
+                          const LoaderFailure& failure, const std::string& fault) {
+    Lines lines = joined(option_lines, loader_lines);
+    lines.resize(option_lines.size() + failure.lines);
+    lines.push_back(fault);
+    if (*failure.summary != '\0') {
+        lines.emplace_back(failure.summary);
+    }
+    return lines;
+}
+
+/// What the boot loader's dialogue says where a person is asked for power.
+inline Lines prompted(Lines loader_lines) {
+    loader_lines.insert(loader_lines.begin() + 1, "[INFO] Please power up the module within 5s.");
+    return loader_lines;
+}
+
+/// The progress of an image of 20,000 bytes through the boot loader: counted per piece, the rate
+/// taken over the whole dialogue.
+inline void expect_progress_per_piece(const ToolRun& run) {
+    const Lines lines = run.progress_lines();
+    ASSERT_EQ(lines.size(), 4U);
+    EXPECT_EQ(lines[0], "[PROGRESS] 81.92%");
+    EXPECT_EQ(lines[2], "[PROGRESS] 100.00%");
+    const long since_sync = time_of(run, "[SPEED] 20000 Bytes/") - time_of(run, "Synchronize...");
+    std::array<char, 64> expected{};
+    std::snprintf(expected.data(), expected.size(), "[SPEED] 20000 Bytes/20000 Bytes    %.1f KBps",
+                  20'000.0 / 1024.0 * 1000.0 / static_cast<double>(since_sync));
+    EXPECT_EQ(lines[3], expected.data());
+}
 
 inline const char* const options_failed =
     "[ERROR] Write binary image options failed, upgrade failed.";

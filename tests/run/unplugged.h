@@ -1,26 +1,65 @@
-// What the readback tests share.
+// What every family has to keep: wherever the device vanishes, the run fails, and soon.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <functional>
+#include <string>
 
 #include "run/harness.h"
 
 namespace orbix::test {
 
-/// `run_under` runs a readback under conditions. It succeeds, and fails soon wherever the device
-/// vanishes; every `interval_ms` of the run is tried.
-template <typename RunUnder>
-void expect_end_wherever_unplugged(RunUnder run_under, std::uint64_t interval_ms) {
-    const ToolRun whole_run = run_under(Conditions{});
-    ASSERT_EQ(whole_run.result(), readback_success);
-    const std::uint64_t whole = whole_run.duration_ms;
-    for (std::uint64_t time = 1; time < whole; time += interval_ms) {
-        const ToolRun result = run_under(unplugged_after_ms(time));
-        EXPECT_EQ(result.result(), readback_failure(-1)) << time;
-        EXPECT_FALSE(result.hit_time_limit);
-        EXPECT_LT(result.duration_ms, 60'000U);
+/// A run of its own module under conditions; without any it succeeds.
+using RunUnder = std::function<ToolRun(Conditions conditions)>;
+
+/// Which times of a run are tried, and how long it may go on behind each.
+struct UnpluggedTimes {
+    std::uint64_t interval_ms;
+    std::uint64_t most_ms_behind;
+};
+
+inline void expect_failure_whenever_unplugged(const RunUnder& run_under, UnpluggedTimes times) {
+    const ToolRun whole = run_under({});
+    const bool reads = whole.result() == readback_success;
+    ASSERT_TRUE(reads || whole.result() == upgrade_success) << whole.result();
+    for (std::uint64_t time = 1; time < whole.duration_ms; time += times.interval_ms) {
+        const ToolRun run = run_under(unplugged_after_ms(time));
+        ASSERT_FALSE(run.hit_time_limit) << "unplugged after " << time << " ms";
+        ASSERT_EQ(run.result(), reads ? readback_failure(-1) : upgrade_failure(-1))
+            << "unplugged after " << time << " ms";
+        ASSERT_NE(run.family_lines().back().find("[ERROR] "), std::string::npos);
+        ASSERT_LE(run.duration_ms, time + times.most_ms_behind);
+    }
+}
+
+/// Which bytes of each direction are tried: of the short messages at the start more than of the
+/// image. And how long a run may be.
+struct UnpluggedBytes {
+    std::size_t start;
+    std::size_t step_at_start;
+    std::size_t step;
+    std::uint64_t most_ms;
+};
+
+inline void expect_failure_wherever_unplugged(const RunUnder& run_under, UnpluggedBytes bytes) {
+    const ToolRun whole = run_under({});
+    ASSERT_EQ(whole.result(), upgrade_success);
+    for (const auto direction : {sim::Direction::to_module, sim::Direction::to_host}) {
+        const bool sends = direction == sim::Direction::to_module;
+        const std::size_t end = sends ? whole.sent.size() : whole.received.size();
+        for (std::size_t byte = 0; byte < end;
+             byte += byte < bytes.start ? bytes.step_at_start : bytes.step) {
+            const ToolRun run = run_under(
+                {.faults = {
+                     {.kind = sim::FaultKind::unplug, .direction = direction, .byte = byte}}});
+            ASSERT_FALSE(run.hit_time_limit) << "byte " << byte;
+            ASSERT_EQ(run.result(), upgrade_failure(-1)) << "byte " << byte;
+            ASSERT_FALSE(run.left_open) << "byte " << byte;
+            ASSERT_EQ(run.closes, whole.closes) << "byte " << byte;
+            ASSERT_LE(run.duration_ms, bytes.most_ms) << "byte " << byte;
+        }
     }
 }
 

@@ -12,16 +12,11 @@ namespace {
 
 using sim::Zpx710pRomLoader;
 using Question = Zpx710pRomLoader::Question;
-using Lines = std::vector<std::string>;
 
 constexpr std::uint32_t flash_base = 0x08000000;
 
 std::vector<std::string> arguments(const std::string& image) {
     return {"-m", "ZPX710P", "-p", "COM6", "-b", "115200", "-f", image, "-t", "DL"};
-}
-
-void append(Bytes& bytes, const Bytes& more) {
-    bytes.insert(bytes.end(), more.begin(), more.end());
 }
 
 /// Bytes with their XOR behind them.
@@ -65,13 +60,8 @@ Lines preamble(const std::string& image) {
             "[INFO] Connect..."};
 }
 
-Lines joined(Lines lines, const Lines& more) {
-    lines.insert(lines.end(), more.begin(), more.end());
-    return lines;
-}
-
 bool flash_holds(Zpx710pRomLoader& module, const Bytes& image) {
-    return std::ranges::equal(module.flash().read(flash_base, image.size()), image);
+    return module.flash().holds(flash_base, image);
 }
 
 /// Answers the first synchronisation bytes with something else.
@@ -735,7 +725,7 @@ TEST(Zpx710pRomLoader, ErasesThePagesThatAreNamed) {
     const Bytes blank_page(page, 0xFF);
     Zpx710pRomLoader module;
     const auto holds = [&module](std::uint32_t number, const Bytes& content) {
-        return std::ranges::equal(module.flash().read(flash_base + number * page, page), content);
+        return module.flash().holds(flash_base + number * page, content);
     };
     module.flash().program(flash_base, used);
     EXPECT_EQ(as_hex(answers_to(module, {"7F", "44 BB", "00 01 00 00 00 02 02"})), "79 79 1F");

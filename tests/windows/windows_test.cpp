@@ -15,8 +15,6 @@
 namespace orbix::test {
 namespace {
 
-using Lines = std::vector<std::string>;
-
 constexpr const char* fast = "921600";
 
 Finished run_on_windows(const std::vector<std::string>& arguments, const std::string& folder = "") {
