@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 
 #include "checks.h"
@@ -176,11 +174,7 @@ Workplace::~Workplace() {
 
 std::string Workplace::clear_behind(int process) {
     const auto folder = folder_of(process);
-    std::string text;
-    {
-        std::ifstream file(folder / diagnostics);
-        text.assign(std::istreambuf_iterator<char>(file), {});
-    }
+    const std::string text = sim::read_text(folder / diagnostics);
     std::error_code ignored;
     std::filesystem::remove_all(folder, ignored);
     constexpr std::size_t longest = 6000;

@@ -48,9 +48,22 @@ std::string TempDir::write(const std::string& name, const std::string& content) 
     return write(name, std::span(bytes, content.size()));
 }
 
-Bytes read_file(const std::string& path) {
+namespace {
+
+template <typename Content>
+Content content_of(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+}  // namespace
+
+Bytes read_file(const std::string& path) {
+    return content_of<Bytes>(path);
+}
+
+std::string read_text(const std::string& path) {
+    return content_of<std::string>(path);
 }
 
 }  // namespace orbix::sim

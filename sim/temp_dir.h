@@ -32,6 +32,8 @@ class TempDir {
     std::filesystem::path folder_;
 };
 
+/// What a file holds; nothing when it cannot be read.
 Bytes read_file(const std::string& path);
+std::string read_text(const std::string& path);
 
 }  // namespace orbix::sim

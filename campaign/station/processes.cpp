@@ -11,7 +11,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <sstream>
 #include <thread>
@@ -48,15 +47,10 @@ void redirect(int descriptor, const char* path) {
     close(file);
 }
 
-std::string content_of(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
 /// The processor time of a process that has ended and was not yet waited for. What `wait4` tells
 /// would hold that of its children too.
 double processor_seconds(pid_t process) {
-    const std::string text = content_of("/proc/" + std::to_string(process) + "/stat");
+    const std::string text = sim::read_text("/proc/" + std::to_string(process) + "/stat");
     std::istringstream fields(text.substr(std::min(text.rfind(')') + 1, text.size())));
     std::string skipped;
     for (int field = 3; field < 14; ++field) {
@@ -149,7 +143,7 @@ StationProcess::~StationProcess() {
 int StationProcess::page_port() const {
     static constexpr std::string_view start = "the page is at http://127.0.0.1:";
     for (int tries = 0; tries < 1000; ++tries) {
-        const std::string text = content_of(error_file);
+        const std::string text = sim::read_text(error_file);
         const std::size_t at = text.find(start);
         if (at != std::string::npos && text.find('\n', at) != std::string::npos) {
             return std::atoi(text.c_str() + at + start.size());
@@ -188,7 +182,7 @@ void StationProcess::send_signal(int number) const {
 
 std::string StationProcess::last_words() {
     constexpr std::size_t longest = 6000;
-    const std::string text = content_of(error_file);
+    const std::string text = sim::read_text(error_file);
     return text.size() > longest ? text.substr(text.size() - longest) : text;
 }
 
@@ -199,14 +193,14 @@ std::vector<pid_t> children_of(pid_t process) {
     std::vector<pid_t> children;
     std::error_code gone;
     for (const auto& thread : std::filesystem::directory_iterator("/proc/" + id + "/task", gone)) {
-        std::istringstream list(content_of(thread.path() / "children"));
+        std::istringstream list(sim::read_text(thread.path() / "children"));
         children.insert(children.end(), std::istream_iterator<pid_t>(list), {});
     }
     return children;
 }
 
 std::string command_of(pid_t process) {
-    std::string words = content_of("/proc/" + std::to_string(process) + "/cmdline");
+    std::string words = sim::read_text("/proc/" + std::to_string(process) + "/cmdline");
     std::replace(words.begin(), words.end(), '\0', ' ');
     return words;
 }

@@ -7,7 +7,6 @@
 #include <charconv>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <set>
 #include <utility>
 
@@ -35,11 +34,6 @@ constexpr PhaseMark phase_marks[] = {
     {"[INFO] Erase Flash...", "erase"},
     {"[INFO] Upgrade success!", "verify"},
 };
-
-std::string content_of(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
 
 std::ptrdiff_t place_of(std::span<const std::string_view> names, std::string_view name) {
     return std::find(names.begin(), names.end(), name) - names.begin();
@@ -145,7 +139,7 @@ void check_attempt(const Attempt& attempt, Findings& findings) {
         add("no log");
         return;
     }
-    const std::string output = content_of(end["log"]);
+    const std::string output = sim::read_text(end["log"]);
     const auto word = last_word(output);
     const std::string cause = end["cause"];
     if ((end["result"] == "success") != (cause == "none")) {

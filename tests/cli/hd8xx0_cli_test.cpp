@@ -2,34 +2,23 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 
 #include "cli/process.h"
+#include "run/harness.h"
 
 namespace orbix::test {
 namespace {
 
 class Hd8xx0Programs : public ::testing::Test {
   protected:
-    Hd8xx0Programs() {
-        std::string pattern = std::filesystem::temp_directory_path() / "orbix-cli-XXXXXX";
-        folder_ = mkdtemp(pattern.data());
-    }
-    ~Hd8xx0Programs() override { std::filesystem::remove_all(folder_); }
-
-    [[nodiscard]] std::string path(const std::string& name) const { return folder_ / name; }
+    [[nodiscard]] std::string path(const std::string& name) const { return folder_.path(name); }
 
     /// An image, and its package. Returns the image.
-    std::string make_package(const std::string& package, std::size_t size, char seed,
-                             bool for_master = false) const {
-        std::string image(size, '\0');
-        for (std::size_t at = 0; at < size; ++at) {
-            image[at] = static_cast<char>(static_cast<char>(at * 7 + at / 251) ^ seed);
-        }
-        std::ofstream(path("image"), std::ios::binary) << image;
-        std::vector<std::string> words{path("image"), path(package)};
+    [[nodiscard]] Bytes make_package(const std::string& package, std::size_t size, unsigned seed,
+                                     bool for_master = false) const {
+        Bytes image = random_image(size, seed);
+        std::vector<std::string> words{folder_.write("image", image), path(package)};
         if (for_master) {
             words.insert(words.begin(), "--master");
         }
@@ -37,12 +26,8 @@ class Hd8xx0Programs : public ::testing::Test {
         return image;
     }
 
-    [[nodiscard]] std::string content_of(const std::string& name) const {
-        std::ifstream file(path(name), std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    }
-
-    std::filesystem::path folder_;
+  private:
+    TempDir folder_;
 };
 
 TEST_F(Hd8xx0Programs, ImageArrivesByEveryWay) {
@@ -52,7 +37,7 @@ TEST_F(Hd8xx0Programs, ImageArrivesByEveryWay) {
         std::unique_ptr<SimulatedModule> module;
         std::unique_ptr<Background> tool;
     };
-    const std::string image = make_package("fw.cyfm", 5000, 1);
+    const Bytes image = make_package("fw.cyfm", 5000, 1);
     std::vector<Way> ways;
     ways.push_back({"MX240A00", "boot", nullptr, nullptr});
     ways.push_back({"MX285A00", "s_boot", nullptr, nullptr});
@@ -69,26 +54,24 @@ TEST_F(Hd8xx0Programs, ImageArrivesByEveryWay) {
     }
     for (const Way& way : ways) {
         const Finished run = way.tool->finish();
-        EXPECT_NE(run.output.find("[SUCCESS] orbix_flash upgrade success\n"), std::string::npos)
-            << way.mode << run.output;
+        EXPECT_TRUE(run.output.ends_with(upgrade_success + "\n")) << way.mode << run.output;
         way.module->stop();
-        EXPECT_EQ(content_of(way.mode).substr(0, image.size()), image) << way.mode;
+        EXPECT_TRUE(dump_holds(path(way.mode), 0, image)) << way.mode;
     }
 }
 
 TEST_F(Hd8xx0Programs, BothProcessorsAreUpdatedInOneRun) {
     constexpr std::size_t slave_offset = 2UL * 1024 * 1024;
-    const std::string master = make_package("master.cyfm", 1500, 1, true);
-    const std::string slave = make_package("slave.cyfm", 2500, 2);
+    const Bytes master = make_package("master.cyfm", 1500, 1, true);
+    const Bytes slave = make_package("slave.cyfm", 2500, 2);
     SimulatedModule module("MX270A00", {"--dump", path("dump")});
     const Finished run = run_program(
         "orbix_flash", {"-m", "MX270A00", "-p", module.port(), "-b", "115200", "-f",
                         path("master.cyfm"), "-s", path("slave.cyfm"), "-t", "all_user"});
-    EXPECT_NE(run.output.find("[SUCCESS] orbix_flash upgrade success\n"), std::string::npos)
-        << run.output;
+    EXPECT_TRUE(run.output.ends_with(upgrade_success + "\n")) << run.output;
     module.stop();
-    EXPECT_EQ(content_of("dump").substr(0, master.size()), master);
-    EXPECT_EQ(content_of("dump").substr(slave_offset, slave.size()), slave);
+    EXPECT_TRUE(dump_holds(path("dump"), 0, master));
+    EXPECT_TRUE(dump_holds(path("dump"), slave_offset, slave));
 }
 
 TEST_F(Hd8xx0Programs, VersionIsStatus255) {

@@ -6,9 +6,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <span>
 
 namespace orbix::test {
 
@@ -144,6 +146,12 @@ SimulatedModule::SimulatedModule(const std::string& model, std::vector<std::stri
 Finished SimulatedModule::stop() {
     process_.send_signal(SIGTERM);
     return process_.finish();
+}
+
+bool dump_holds(const std::string& dump, std::size_t offset, const sim::Bytes& image) {
+    const sim::Bytes flash = sim::read_file(dump);
+    return flash.size() >= offset + image.size() &&
+           std::ranges::equal(std::span(flash).subspan(offset, image.size()), image);
 }
 
 }  // namespace orbix::test

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "temp_dir.h"
+
 namespace orbix::test {
 
 /// What a finished process left behind.
@@ -60,5 +62,8 @@ class SimulatedModule {
     Background process_;
     std::string port_;
 };
+
+/// Whether a dump of a module's flash holds an image at an offset.
+bool dump_holds(const std::string& dump, std::size_t offset, const sim::Bytes& image);
 
 }  // namespace orbix::test

@@ -11,14 +11,11 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "cli/process.h"
+#include "run/harness.h"
 
 namespace orbix::test {
 namespace {
@@ -176,54 +173,25 @@ class Receiver {
     pid_t pid_ = -1;
 };
 
-std::string random_bytes(std::size_t size, unsigned seed) {
-    std::mt19937 random(seed);
-    std::string bytes(size, '\0');
-    for (char& byte : bytes) {
-        byte = static_cast<char>(random());
-    }
-    return bytes;
-}
-
-void write_file(const std::filesystem::path& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string read_file(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-class Rx7040Lrzsz : public ::testing::TestWithParam<std::size_t> {
-  protected:
-    Rx7040Lrzsz() {
-        std::string pattern = std::filesystem::temp_directory_path() / "orbix-test-XXXXXX";
-        folder_ = mkdtemp(pattern.data());
-    }
-    ~Rx7040Lrzsz() override { std::filesystem::remove_all(folder_); }
-    Rx7040Lrzsz(const Rx7040Lrzsz&) = delete;
-    Rx7040Lrzsz& operator=(const Rx7040Lrzsz&) = delete;
-
-    std::filesystem::path folder_;
-};
+class Rx7040Lrzsz : public ::testing::TestWithParam<std::size_t> {};
 
 TEST_P(Rx7040Lrzsz, ReceivesBothPackages) {
     const std::string receiver = lrzsz_receiver();
     if (receiver.empty()) {
         GTEST_SKIP() << "lrzsz is not installed";
     }
-    const std::string loader = random_bytes(36 + 1500, 1);
-    const std::string firmware = random_bytes(GetParam(), 2);
-    write_file(folder_ / "da.pkg", loader);
-    write_file(folder_ / "fw.pkg", firmware);
+    const TempDir folder;
+    const Bytes loader = random_image(36 + 1500, 1);
+    const Bytes firmware = random_image(GetParam(), 2);
 
     const Terminal terminal;
-    Background tool("orbix_flash", {"-m", "MX290B", "-p", terminal.port(), "-L", folder_ / "da.pkg",
-                                    "-f", folder_ / "fw.pkg", "-t", "DL"});
+    Background tool("orbix_flash",
+                    {"-m", "MX290B", "-p", terminal.port(), "-L", folder.write("da.pkg", loader),
+                     "-f", folder.write("fw.pkg", firmware), "-t", "DL"});
     terminal.answer("DLS", "CCC");
-    Receiver(receiver, folder_ / "loader.out").serve(terminal);
+    Receiver(receiver, folder.path("loader.out")).serve(terminal);
     terminal.answer("xmodem pkg\r\n", "Waiting for XMODEM transfer\r\n");
-    Receiver(receiver, folder_ / "firmware.out").serve(terminal);
+    Receiver(receiver, folder.path("firmware.out")).serve(terminal);
     // A verdict that follows the receiver's last word at once would be read together with it.
     for (int packages = 0; packages < 2;) {
         const std::string line = tool.read_line();
@@ -233,19 +201,19 @@ TEST_P(Rx7040Lrzsz, ReceivesBothPackages) {
     put(terminal.module_end(), "Download success\r\n");
 
     const Finished run = tool.finish();
-    EXPECT_TRUE(run.output.ends_with("[SUCCESS] orbix_flash upgrade success\n")) << run.output;
+    EXPECT_TRUE(run.output.ends_with(upgrade_success + "\n")) << run.output;
 
-    std::string expected_loader = loader.substr(36);
+    Bytes expected_loader(loader.begin() + 36, loader.end());
     expected_loader.resize(2048, 0x1A);
-    EXPECT_TRUE(read_file(folder_ / "loader.out") == expected_loader);
+    EXPECT_TRUE(read_file(folder.path("loader.out")) == expected_loader);
 
-    std::string expected = firmware;
+    Bytes expected = firmware;
     if (firmware.size() % 1024 == 0) {
-        expected += firmware.substr(firmware.size() - 1024);
+        expected.insert(expected.end(), firmware.end() - 1024, firmware.end());
     } else {
         expected.resize((firmware.size() / 1024 + 1) * 1024, 0x1A);
     }
-    EXPECT_TRUE(read_file(folder_ / "firmware.out") == expected);
+    EXPECT_TRUE(read_file(folder.path("firmware.out")) == expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(Packages, Rx7040Lrzsz, ::testing::Values(2048, 30'001));

@@ -1,51 +1,11 @@
 // STA8089 and STA9100 through the built programs.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-
 #include "cli/process.h"
+#include "run/harness.h"
 
 namespace orbix::test {
 namespace {
-
-/// Files of one test, removed at its end.
-class Files {
-  public:
-    Files() : folder_(std::filesystem::temp_directory_path() / "orbix-cli-XXXXXX") {
-        std::string pattern = folder_;
-        folder_ = mkdtemp(pattern.data());
-    }
-    ~Files() {
-        std::error_code ignored;
-        std::filesystem::remove_all(folder_, ignored);
-    }
-    Files(const Files&) = delete;
-    Files& operator=(const Files&) = delete;
-
-    [[nodiscard]] std::string path(const std::string& name) const { return folder_ / name; }
-
-    [[nodiscard]] std::string write(const std::string& name, const std::string& content) const {
-        std::ofstream(path(name), std::ios::binary) << content;
-        return path(name);
-    }
-
-    [[nodiscard]] std::string read(const std::string& name) const {
-        std::ifstream file(path(name), std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    }
-
-  private:
-    std::filesystem::path folder_;
-};
-
-bool ends_with_success(const Finished& run) {
-    const std::string wanted = "[SUCCESS] orbix_flash upgrade success\n";
-    return run.output.size() > wanted.size() &&
-           run.output.compare(run.output.size() - wanted.size(), wanted.size(), wanted) == 0;
-}
 
 struct Way {
     const char* model;
@@ -56,20 +16,22 @@ class TeseoLoaderProgram : public ::testing::TestWithParam<Way> {};
 
 TEST_P(TeseoLoaderProgram, FlashesASimulatedModule) {
     const Way way = GetParam();
-    const Files files;
-    const std::string image(600, 'i');
-    SimulatedModule module(way.model, {"--dump", files.path("dump")});
+    const TempDir folder;
+    const Bytes image = random_image(600);
+    const std::string dump = folder.path("dump");
+    SimulatedModule module(way.model, {"--dump", dump});
     std::vector<std::string> arguments{"-m", way.model, "-p", module.port(),
-                                       "-b", "115200",  "-f", files.write("app.bin", image)};
+                                       "-b", "115200",  "-f", folder.write("app.bin", image)};
     if (way.mode != nullptr) {
         arguments.insert(arguments.end(), {"-t", way.mode});
     }
     const Finished run = run_program("orbix_flash", arguments);
 
-    EXPECT_TRUE(ends_with_success(run)) << run.output;
+    EXPECT_TRUE(run.output.ends_with(upgrade_success + "\n")) << run.output;
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(module.stop().status, 0);
-    EXPECT_EQ(files.read("dump").substr(0, 601), image + '\xFF');
+    EXPECT_TRUE(dump_holds(dump, 0, image));
+    EXPECT_TRUE(dump_holds(dump, image.size(), {0xFF})) << "more than the image";
     EXPECT_EQ(run.output.find("hint:"), std::string::npos) << "hints are for people";
 }
 

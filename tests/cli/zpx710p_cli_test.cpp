@@ -2,55 +2,34 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <random>
 
 #include "cli/process.h"
+#include "run/harness.h"
 
 namespace orbix::test {
 namespace {
 
-std::string content_of(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-/// An image and a place for the dump, removed at the end.
 class Zpx710pProgram : public ::testing::Test {
   protected:
-    Zpx710pProgram() {
-        for (int index = 0; index < 5121; ++index) {
-            image_ += static_cast<char>(index * 31 + index / 256);
-        }
-        std::filesystem::create_directories(folder_);
-        std::ofstream(folder_ / "app.bin", std::ios::binary) << image_;
-    }
-    ~Zpx710pProgram() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(folder_, ignored);
-    }
-
     [[nodiscard]] Finished flash(const std::string& port, const std::string& mode) const {
         return run_program("orbix_flash", {"-m", "ZPX710P", "-p", port, "-b", "115200", "-f",
-                                           folder_ / "app.bin", "-t", mode});
+                                           image_file_, "-t", mode});
     }
 
     /// A run against a fresh module, and the image in its flash.
     void expect_flashed(const std::string& model, const std::string& mode) const {
-        SimulatedModule module(model, {"--dump", folder_ / "dump.bin"});
+        SimulatedModule module(model, {"--dump", dump_});
         const Finished run = flash(module.port(), mode);
         module.stop();
         EXPECT_EQ(run.status, 0);
-        EXPECT_NE(run.output.find("[SUCCESS] orbix_flash upgrade success\n"), std::string::npos)
-            << run.output;
-        EXPECT_EQ(content_of(folder_ / "dump.bin").substr(0, image_.size()), image_);
+        EXPECT_TRUE(run.output.ends_with(upgrade_success + "\n")) << run.output;
+        EXPECT_TRUE(dump_holds(dump_, 0, image_));
     }
 
-    const std::filesystem::path folder_ =
-        std::filesystem::temp_directory_path() /
-        ("orbix-zpx710p-" + std::to_string(std::random_device{}()));
-    std::string image_;
+    const TempDir folder_;
+    const Bytes image_ = random_image(5121);
+    const std::string image_file_ = folder_.write("app.bin", image_);
+    const std::string dump_ = folder_.path("dump.bin");
 };
 
 TEST_F(Zpx710pProgram, Download) {
@@ -71,12 +50,12 @@ TEST_F(Zpx710pProgram, AGeneralProgrammerFindsTheSameRomLoader) {
     if (!std::filesystem::exists(programmer)) {
         GTEST_SKIP() << "stm32flash is not installed";
     }
-    SimulatedModule module("ZPX710P", {"--dump", folder_ / "dump.bin"});
-    const Finished run = run_program(
-        programmer, {"-m", "8n1", "-b", "115200", "-w", folder_ / "app.bin", module.port()});
+    SimulatedModule module("ZPX710P", {"--dump", dump_});
+    const Finished run =
+        run_program(programmer, {"-m", "8n1", "-b", "115200", "-w", image_file_, module.port()});
     module.stop();
     EXPECT_EQ(run.status, 0) << run.output << run.errors;
-    EXPECT_EQ(content_of(folder_ / "dump.bin").substr(0, image_.size()), image_);
+    EXPECT_TRUE(dump_holds(dump_, 0, image_));
 }
 
 TEST_F(Zpx710pProgram, AnUnpluggedModuleEndsTheHandshake) {

@@ -119,12 +119,6 @@ Bench start_modules(const sim::TempDir& folder) {
     return bench;
 }
 
-bool holds_image(const std::string& dump, const sim::Bytes& image) {
-    const sim::Bytes flash = sim::read_file(dump);
-    return flash.size() >= image_offset + image.size() &&
-           std::equal(image.begin(), image.end(), flash.begin() + image_offset);
-}
-
 // In real time, for what it measures is the station's share of a processor: half a minute.
 TEST(ThirtyTwoModules, GoodOnesAreFlashedAndFaultyOnesAreNamed) {
     const sim::TempDir folder;
@@ -184,7 +178,8 @@ TEST(ThirtyTwoModules, GoodOnesAreFlashedAndFaultyOnesAreNamed) {
         const std::string cause = faulty != nullptr ? faulty->cause : "none";
         EXPECT_EQ((*result)["cause"], cause) << result->dump();
         EXPECT_EQ((*result)["firmware"][0]["sha256"], sum.substr(0, 64));
-        EXPECT_EQ(holds_image(std::to_string(place), image), faulty == nullptr) << place;
+        EXPECT_EQ(test::dump_holds(std::to_string(place), image_offset, image), faulty == nullptr)
+            << place;
         good += cause == "none" && (*result)["bytes"] == image_size ? 1 : 0;
     }
     EXPECT_EQ(good, module_count - std::size(faulty_modules));

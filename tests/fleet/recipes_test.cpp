@@ -34,8 +34,7 @@ constexpr const char* vanishing = "unplug@9000";
 
 /// The block of commands behind the mark "<!-- recipe: NAME -->".
 std::string recipe(const std::string& name) {
-    std::ifstream page(std::string(ORBIX_SOURCE_DIR) + "/docs/fleet.md");
-    const std::string text{std::istreambuf_iterator<char>(page), {}};
+    const std::string text = sim::read_text(std::string(ORBIX_SOURCE_DIR) + "/docs/fleet.md");
     const std::size_t mark = text.find("<!-- recipe: " + name + " -->");
     const std::size_t begin = text.find("```\n", mark);
     const std::size_t end = text.find("```\n", begin + 4);
@@ -85,9 +84,7 @@ class Place {
     /// Stops a module. Returns whether its flash holds the image.
     bool stop(std::size_t place) {
         modules_.at(place)->stop();
-        const sim::Bytes flash = sim::read_file(dump_of(place));
-        return flash.size() >= image_offset + image_.size() &&
-               std::equal(image_.begin(), image_.end(), flash.begin() + image_offset);
+        return test::dump_holds(dump_of(place), image_offset, image_);
     }
 
   private:

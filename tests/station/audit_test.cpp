@@ -4,13 +4,12 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "flash_lines.h"
+#include "temp_dir.h"
 
 namespace orbix::station {
 namespace {
@@ -54,9 +53,7 @@ std::string filled_in(const std::string& format) {
 }
 
 std::vector<Literal> literals_of(const std::filesystem::path& path) {
-    std::ifstream file(path);
-    const std::string code =
-        without_comments(std::string(std::istreambuf_iterator<char>(file), {}));
+    const std::string code = without_comments(sim::read_text(path));
     std::vector<Literal> literals;
     std::size_t end_of_last = 0;
     for (std::size_t at = code.find('"'); at != std::string::npos; at = code.find('"', at)) {

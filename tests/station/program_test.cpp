@@ -32,6 +32,7 @@ namespace {
 
 using nlohmann::json;
 using orbix::sim::random_image;
+using orbix::sim::read_text;
 using orbix::sim::TempDir;
 using orbix::test::Background;
 using orbix::test::Finished;
@@ -63,11 +64,6 @@ std::vector<std::string> lines_of(const std::string& text) {
     return lines;
 }
 
-std::string text_of(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 std::vector<json> records_in(const std::string& text) {
     std::vector<json> records;
     for (const std::string& line : lines_of(text)) {
@@ -96,7 +92,7 @@ bool comes_true(const std::function<bool()>& condition) {
 
 /// Whether a process is no more; one that nobody has asked for its status yet counts.
 bool has_ended(int process) {
-    const std::string stat = text_of("/proc/" + std::to_string(process) + "/stat");
+    const std::string stat = read_text("/proc/" + std::to_string(process) + "/stat");
     return stat.empty() || contains(stat, ") Z ");
 }
 
@@ -282,7 +278,7 @@ TEST(Limits, GrandchildThatHoldsTheOutputDoesNotHoldTheStation) {
     const double seconds = seconds_of([&] { run = run_fake(fake, {"P1"}); });
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_LT(seconds, 10);
-    const int grandchild = std::stoi(text_of(fake.path("grandchild")));
+    const int grandchild = std::stoi(read_text(fake.path("grandchild")));
     EXPECT_TRUE(comes_true([grandchild] { return has_ended(grandchild); }));
 }
 
@@ -305,7 +301,7 @@ TEST(Starting, ArgumentsArePassedOnAsTheyAreAndThePortIsPutBehindThem) {
                     std::string(success));
     run_program("orbix_station",
                 fake.options() + Words{"P1", "--", "-m", "TR52G", "-f", "a b\"$c", "-D"});
-    EXPECT_EQ(text_of(fake.path("arguments")), "-m|TR52G|-f|a b\"$c|-D|-p|P1|");
+    EXPECT_EQ(read_text(fake.path("arguments")), "-m|TR52G|-f|a b\"$c|-D|-p|P1|");
 }
 
 TEST(Starting, LinkIsResolvedToTheShorterDevice) {
@@ -313,7 +309,7 @@ TEST(Starting, LinkIsResolvedToTheShorterDevice) {
     std::filesystem::create_symlink("/dev/null", fake.path("a-name-that-is-quite-long"));
     const Finished run = run_fake(fake, {fake.path("a-name-that-is-quite-long")});
     EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(text_of(fake.path("port")), "/dev/null\n");
+    EXPECT_EQ(read_text(fake.path("port")), "/dev/null\n");
 }
 
 TEST(Starting, UsageErrorsHaveOneClearLine) {
@@ -370,7 +366,7 @@ TEST(Starting, NoMoreJobsThanAllowed) {
     const Finished run = run_fake(fake, {"P1", "P2", "P3", "P4", "P5", "P6", "P7", "--jobs", "2"});
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_TRUE(contains(run.output, "7 good, 0 bad"));
-    std::istringstream counts(text_of(fake.path("counts")));
+    std::istringstream counts(read_text(fake.path("counts")));
     int most = 0;
     int runs = 0;
     for (int count = 0; counts >> count; ++runs) {
@@ -416,7 +412,7 @@ std::string until_released() {
 int started_process(const Fake& fake, const std::string& port) {
     const std::string file = fake.path("pid-" + port);
     EXPECT_TRUE(comes_true([&file] { return std::filesystem::exists(file); }));
-    return std::stoi(text_of(file));
+    return std::stoi(read_text(file));
 }
 
 TEST(Ending, FirstSignalLetsTheRunningOnesFinish) {
@@ -561,7 +557,7 @@ TEST(Records, FileIsContinued) {
     const std::string file = fake.path("records");
     run_fake(fake, {"P1", "--json", file});
     run_fake(fake, {"P1", "--json", file});
-    EXPECT_EQ(of_event(records_in(text_of(file)), "result").size(), 2U);
+    EXPECT_EQ(of_event(records_in(read_text(file)), "result").size(), 2U);
 }
 
 TEST(Records, FileThatCannotBeWrittenIsOneClearFailure) {
@@ -585,7 +581,7 @@ TEST(Logs, HoldTheFullOutputOfEachAttempt) {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
         names.push_back(entry.path().filename().string());
-        const std::string text = text_of(entry.path());
+        const std::string text = read_text(entry.path());
         EXPECT_TRUE(contains(text, "out\n") && contains(text, "err\n"));
         EXPECT_TRUE(contains(text, std::string("a\0b\n", 4)));
         EXPECT_TRUE(contains(text, "[000.100][FAIL]"));
@@ -740,7 +736,7 @@ TEST(Watching, EachModuleIsFlashedOnceWhenItAppears) {
     const Finished run = station.finish();
     EXPECT_EQ(run.status, status_of(Cause::transfer)) << run.output;
     EXPECT_TRUE(contains(run.output, "2 good, 1 bad")) << run.output;
-    const auto results = of_event(records_in(text_of(folder.path("records"))), "result");
+    const auto results = of_event(records_in(read_text(folder.path("records"))), "result");
     EXPECT_EQ(results.size(), 3U);
 }
 

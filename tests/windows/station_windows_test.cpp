@@ -28,9 +28,7 @@ constexpr const char* silent_soon = "silence=0@100:to-host";
 int processes_of(const std::string& program) {
     int count = 0;
     for (const auto& process : std::filesystem::directory_iterator("/proc")) {
-        std::ifstream stream(process.path() / "cmdline");
-        std::string command((std::istreambuf_iterator<char>(stream)),
-                            std::istreambuf_iterator<char>());
+        std::string command = sim::read_text(process.path() / "cmdline");
         std::replace(command.begin(), command.end(), '\\', '/');
         if (command.find(std::string(ORBIX_WINDOWS_DIR) + "/" + program + ".exe") !=
             std::string::npos) {
@@ -117,8 +115,7 @@ TEST(WindowsStation, TwoModulesSideBySideOneOfThemFaulty) {
     EXPECT_TRUE(comes_true([] { return processes_of("orbix_flash") == 0; }));
 
     good.stop();
-    const Bytes flash = read_file(dump);
-    EXPECT_TRUE(std::equal(image.begin(), image.end(), flash.begin() + 0x9000));
+    EXPECT_TRUE(dump_holds(dump, 0x9000, image));
 }
 
 TEST(WindowsStation, AnAbsentPortIsToldAsThat) {

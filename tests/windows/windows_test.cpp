@@ -222,7 +222,7 @@ TEST(WindowsProgram, PathsWithBlanksAndLettersOfTheAnsiCodePage) {
               std::string::npos)
         << "the name stays in the ANSI code page";
     module.stop();
-    EXPECT_TRUE(holds(read_file(dump), 0x9000, small_image));
+    EXPECT_TRUE(dump_holds(dump, 0x9000, small_image));
 }
 
 }  // namespace
