@@ -12,7 +12,6 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
@@ -90,17 +89,33 @@ bool comes_true(const std::function<bool()>& condition) {
     return false;
 }
 
+/// Reads lines until one contains a text.
+bool says(Background& station, std::string_view text) {
+    for (int count = 0; count < 1000; ++count) {
+        if (contains(station.read_line(), text)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 /// Whether a process is no more; one that nobody has asked for its status yet counts.
 bool has_ended(int process) {
     const std::string stat = read_text("/proc/" + std::to_string(process) + "/stat");
     return stat.empty() || contains(stat, ") Z ");
 }
 
-/// A program in the place of orbix_flash: a shell script, in which $PORT is the port.
+/// A program in the place of orbix_flash: a shell script, in which $PORT is the port, $here the
+/// script's folder, and `await FILE` waits until there is such a file.
 class Fake {
   public:
     explicit Fake(const std::string& script) {
-        path_ = folder_.write("fake", "#!/bin/bash\nPORT=${@: -1}\n" + script + "\n");
+        path_ = folder_.write("fake",
+                              "#!/bin/bash\n"
+                              "PORT=${@: -1}\n"
+                              "here=$(dirname \"$0\")\n"
+                              "await() { while [ ! -e $here/$1 ]; do sleep 0.02; done; }\n" +
+                                  script + "\n");
         chmod(path_.c_str(), 0755);
     }
 
@@ -109,13 +124,19 @@ class Fake {
         return folder_.path(name);
     }
 
+    /// Makes a file for which the script waits, and waits for one that it makes.
+    void release(const std::string& name = "release") const { folder_.write(name, std::string()); }
+    void await(const std::string& name) const {
+        EXPECT_TRUE(comes_true([&] { return std::filesystem::exists(path(name)); })) << name;
+    }
+
   private:
     TempDir folder_;
     std::string path_;
 };
 
-constexpr const char* success = "echo '[000.100][SUCCESS] orbix_flash upgrade success'";
-constexpr const char* failure = "echo '[000.100][FAIL] orbix_flash upgrade fail,ret:[-1]'";
+const std::string success = "echo '[000.100][SUCCESS] orbix_flash upgrade success'";
+const std::string failure = "echo '[000.100][FAIL] orbix_flash upgrade fail,ret:[-1]'";
 
 const Words arguments{"--", "-m", "TR52G", "-b", "115200", "-f", "/nowhere/app.bin", "-t", "UPG"};
 
@@ -179,7 +200,7 @@ TEST(Verdict, WorstCauseOfSeveralIsTheExitStatus) {
     const Fake fake(
         "case $PORT in\n"
         "P1) " +
-        std::string(success) +
+        success +
         ";;\n"
         "P2) echo '[000.000][ERROR] Fail to open x'; " +
         failure +
@@ -214,14 +235,14 @@ TEST(Verdict, KilledProgramIsReportedAsThat) {
 }
 
 TEST(Verdict, ExitStatusOfTheToolDoesNotMatter) {
-    EXPECT_EQ(judged(std::string(success) + "; exit 7").status, 0);
+    EXPECT_EQ(judged(success + "; exit 7").status, 0);
 }
 
 TEST(Verdict, HintOfTheToolIsTold) {
     const Judged run = judged(
         "echo 'hint: another program holds the port' >&2\n"
         "echo '[000.000][ERROR] Fail to open P1'\n" +
-        std::string(failure));
+        failure);
     EXPECT_EQ(run.result["cause"], "port");
     EXPECT_EQ(run.result["hint"], "another program holds the port");
     EXPECT_TRUE(contains(run.result["message"].get<std::string>(), "Fail to open P1"));
@@ -272,8 +293,7 @@ TEST(Limits, ProgramThatIgnoresTheRequestIsForced) {
 }
 
 TEST(Limits, GrandchildThatHoldsTheOutputDoesNotHoldTheStation) {
-    const Fake fake(std::string("sleep 100 &\necho $! >\"$(dirname \"$0\")/grandchild\"\n") +
-                    success);
+    const Fake fake("sleep 100 &\necho $! >$here/grandchild\n" + success);
     Finished run;
     const double seconds = seconds_of([&] { run = run_fake(fake, {"P1"}); });
     EXPECT_EQ(run.status, 0) << run.output;
@@ -297,15 +317,14 @@ TEST(Starting, WhatCannotBeStartedIsTheStationsOwnFailure) {
 }
 
 TEST(Starting, ArgumentsArePassedOnAsTheyAreAndThePortIsPutBehindThem) {
-    const Fake fake("printf '%s|' \"$@\" >\"$(dirname \"$0\")/arguments\"\n" +
-                    std::string(success));
+    const Fake fake("printf '%s|' \"$@\" >$here/arguments\n" + success);
     run_program("orbix_station",
                 fake.options() + Words{"P1", "--", "-m", "TR52G", "-f", "a b\"$c", "-D"});
     EXPECT_EQ(read_text(fake.path("arguments")), "-m|TR52G|-f|a b\"$c|-D|-p|P1|");
 }
 
 TEST(Starting, LinkIsResolvedToTheShorterDevice) {
-    const Fake fake("echo $PORT >\"$(dirname \"$0\")/port\"\n" + std::string(success));
+    const Fake fake("echo $PORT >$here/port\n" + success);
     std::filesystem::create_symlink("/dev/null", fake.path("a-name-that-is-quite-long"));
     const Finished run = run_fake(fake, {fake.path("a-name-that-is-quite-long")});
     EXPECT_EQ(run.status, 0);
@@ -360,9 +379,9 @@ TEST(Starting, HelpAndVersionAreNoErrors) {
 TEST(Starting, NoMoreJobsThanAllowed) {
     // Each run notes how many there are, itself included.
     const Fake fake(
-        "here=$(dirname \"$0\")\ntouch $here/on-$PORT\nls $here | grep -c '^on-' "
-        ">>$here/counts\nsleep 0.1\nrm $here/on-$PORT\n" +
-        std::string(success));
+        "touch $here/on-$PORT\nls $here | grep -c '^on-' >>$here/counts\nsleep 0.1\n"
+        "rm $here/on-$PORT\n" +
+        success);
     const Finished run = run_fake(fake, {"P1", "P2", "P3", "P4", "P5", "P6", "P7", "--jobs", "2"});
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_TRUE(contains(run.output, "7 good, 0 bad"));
@@ -377,7 +396,7 @@ TEST(Starting, NoMoreJobsThanAllowed) {
 }
 
 TEST(Retries, AreMadeAfterAFailureThatMayPass) {
-    const Fake fake("here=$(dirname \"$0\")\nif [ -e $here/tried ]; then " + std::string(success) +
+    const Fake fake("if [ -e $here/tried ]; then " + success +
                     "; else touch $here/tried; echo '[000.000][ERROR] Sync failed!'; " + failure +
                     "; fi");
     const Finished run = run_fake(fake, {"P1", "--retries", "2", "--json", "-"});
@@ -404,15 +423,14 @@ TEST(Retries, AreNotMadeWhereTheCommandLineIsWrong) {
 
 /// A script that runs until a file appears, and notes its number.
 std::string until_released() {
-    return "here=$(dirname \"$0\")\necho $$ >$here/pid-$PORT.new\nmv $here/pid-$PORT.new "
-           "$here/pid-$PORT\nwhile [ ! -e $here/release ]; do echo waiting; sleep 0.05; done\n" +
-           std::string(success);
+    return "echo $$ >$here/pid-$PORT.new\nmv $here/pid-$PORT.new $here/pid-$PORT\n"
+           "await release\n" +
+           success;
 }
 
 int started_process(const Fake& fake, const std::string& port) {
-    const std::string file = fake.path("pid-" + port);
-    EXPECT_TRUE(comes_true([&file] { return std::filesystem::exists(file); }));
-    return std::stoi(read_text(file));
+    fake.await("pid-" + port);
+    return std::stoi(read_text(fake.path("pid-" + port)));
 }
 
 TEST(Ending, FirstSignalLetsTheRunningOnesFinish) {
@@ -421,8 +439,8 @@ TEST(Ending, FirstSignalLetsTheRunningOnesFinish) {
                        fake.options() + Words{"P1", "P2", "--jobs", "1"} + arguments);
     started_process(fake, "P1");
     station.send_signal(SIGINT);
-    EXPECT_TRUE(comes_true([&] { return contains(station.read_line(), "once more ends them"); }));
-    std::ofstream(fake.path("release")) << "\n";
+    EXPECT_TRUE(says(station, "once more ends them"));
+    fake.release();
     const Finished run = station.finish();
     EXPECT_EQ(run.status, status_of(Cause::stopped));
     EXPECT_TRUE(contains(run.output, "P1: good")) << run.output;
@@ -436,7 +454,7 @@ TEST(Ending, SecondSignalEndsThemAtOnce) {
     const int first = started_process(fake, "P1");
     const int second = started_process(fake, "P2");
     station.send_signal(SIGTERM);
-    EXPECT_TRUE(comes_true([&] { return contains(station.read_line(), "once more ends them"); }));
+    EXPECT_TRUE(says(station, "once more ends them"));
     station.send_signal(SIGTERM);
     const Finished run = station.finish();
     EXPECT_EQ(run.status, status_of(Cause::stopped)) << run.output;
@@ -469,7 +487,7 @@ TEST(Records, TellTheWholeRun) {
         "[000.300][SPEED] 100 Bytes/200 Bytes    12.5 KBps\nEND\nsleep 0.1\n"
         "echo '[000.400][SPEED] 200 Bytes/200 Bytes    12.5 KBps'\n"
         "echo '[000.400][INFO] Upgrade success!'\n" +
-        std::string(success));
+        success);
     const Finished run = run_program(
         "orbix_station",
         fake.options() + Words{"P1", "--json", "-", "--", "-m", "TR52G", "-f", image, "-s", agent});
@@ -543,7 +561,7 @@ TEST(Records, AreLimitedInRate) {
     const Fake fake(
         "echo '[000.000][INFO] Send Firmware...'\nfor i in $(seq 1 400); do echo "
         "\"[000.000][SPEED] $i Bytes/400 Bytes    1 KBps\"; sleep 0.002; done\n" +
-        std::string(success));
+        success);
     const Finished run = run_fake(fake, {"P1", "--json", "-"});
     const auto progress = of_event(records_in(run.output), "progress");
     const json result = of_event(records_in(run.output), "result").at(0);
@@ -575,7 +593,7 @@ TEST(Logs, HoldTheFullOutputOfEachAttempt) {
     const Fake fake(
         "echo out; echo err >&2; printf 'a\\0b\\n'; echo '[000.000][ERROR] Sync "
         "failed!'; " +
-        std::string(failure));
+        failure);
     const std::string folder = fake.path("new/logs");
     run_fake(fake, {"P1", "--retries", "1", "--log-dir", folder});
     std::vector<std::string> names;
@@ -593,7 +611,7 @@ TEST(Logs, HoldTheFullOutputOfEachAttempt) {
 }
 
 TEST(Logs, OfSeveralStationsDoNotClash) {
-    const Fake fake("echo $$; " + std::string(success));
+    const Fake fake("echo $$; " + success);
     const std::string folder = fake.path("logs");
     std::vector<std::unique_ptr<Background>> stations;
     for (int count = 0; count < 6; ++count) {
@@ -618,7 +636,7 @@ TEST(PlainOutput, HasWholeLinesEachWithItsPort) {
     const Fake fake(
         "for i in $(seq 1 100); do echo \"[000.000][SPEED] $i Bytes/100 Bytes    1 "
         "KBps\"; done\n" +
-        std::string(success));
+        success);
     Words ports;
     for (int number = 0; number < 12; ++number) {
         ports.push_back("P" + std::to_string(number));
@@ -697,16 +715,6 @@ TEST(WithModules, TwoStationsOnOnePortDoNotDisturbEachOther) {
 
 // --- production ----------------------------------------------------------------------------------
 
-/// Reads lines until one contains a text.
-bool says(Background& station, std::string_view text) {
-    for (int count = 0; count < 1000; ++count) {
-        if (contains(station.read_line(), text)) {
-            return true;
-        }
-    }
-    return false;
-}
-
 TEST(Watching, EachModuleIsFlashedOnceWhenItAppears) {
     const TempDir folder;
     const std::string image = image_file(folder);
@@ -744,16 +752,15 @@ TEST(Watching, PortThatComesBackInMidRunIsAnotherModule) {
     const TempDir folder;
     const std::string port = folder.path("port1");
     std::filesystem::create_symlink("/dev/null", port);
-    const Fake fake("here=$(dirname \"$0\")\nif [ -e $here/second ]; then " + std::string(success) +
-                    "; else touch $here/second; touch $here/started\n"
-                    "while [ ! -e $here/release ]; do sleep 0.05; done; fi");
+    const Fake fake("if [ -e $here/started ]; then " + success +
+                    "; else touch $here/started; await release; fi");
     Background station("orbix_station",
                        fake.options() + Words{"--watch", folder.path("port*")} + arguments);
-    EXPECT_TRUE(comes_true([&] { return std::filesystem::exists(fake.path("started")); }));
+    fake.await("started");
     std::filesystem::remove(port);
     std::this_thread::sleep_for(600ms);  // twice the station's look at the ports
     std::filesystem::create_symlink("/dev/null", port);
-    std::ofstream(fake.path("release")) << "\n";
+    fake.release();
     EXPECT_TRUE(says(station, "port1: FAILED"));
     EXPECT_TRUE(says(station, "port1: good"));
     station.send_signal(SIGTERM);
@@ -763,16 +770,13 @@ TEST(Watching, PortThatComesBackInMidRunIsAnotherModule) {
 TEST(Watching, SignalLetsTheRunningOneFinish) {
     const TempDir folder;
     std::filesystem::create_symlink("/dev/null", folder.path("port1"));
-    const Fake fake(
-        "here=$(dirname \"$0\")\ntouch $here/started\nwhile [ ! -e $here/release ]; do "
-        "sleep 0.05; done\n" +
-        std::string(success));
+    const Fake fake("touch $here/started\nawait release\n" + success);
     Background station("orbix_station",
                        fake.options() + Words{"--watch", folder.path("port*")} + arguments);
-    EXPECT_TRUE(comes_true([&] { return std::filesystem::exists(fake.path("started")); }));
+    fake.await("started");
     station.send_signal(SIGINT);
     EXPECT_TRUE(says(station, "once more ends them at once"));
-    std::ofstream(fake.path("release")) << "\n";
+    fake.release();
     const Finished run = station.finish();
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_TRUE(contains(run.output, "1 good, 0 bad"));
@@ -924,22 +928,21 @@ class OnTerminal {
 };
 
 TEST(LiveTable, ShowsPhasesBarsAndResults) {
-    const Fake fake("if [ $PORT = P2 ]; then echo '[000.000][ERROR] Sync failed!'; " +
-                    std::string(failure) +
-                    "; exit; fi\nhere=$(dirname \"$0\")\n"
+    const Fake fake("if [ $PORT = P2 ]; then echo '[000.000][ERROR] Sync failed!'; " + failure +
+                    "; exit; fi\n"
                     "echo '[000.000][INFO] Handshake... (Press the module reset button!)'\n"
-                    "while [ ! -e $here/go ]; do sleep 0.02; done\n"
+                    "await go\n"
                     "echo '[000.000][INFO] Send Firmware...'\n"
                     "echo '[000.000][SPEED] 50 Bytes/100 Bytes    13.8 KBps'\n"
-                    "while [ ! -e $here/release ]; do sleep 0.02; done\n" +
+                    "await release\n" +
                     success);
     OnTerminal station(fake.options() + Words{"P1", "P2"} + arguments, 120, 30);
     EXPECT_TRUE(station.shows("waiting: press reset")) << station.screen.text();
     EXPECT_TRUE(station.shows("FAILED the module did not answer: Sync failed!"));
     EXPECT_FALSE(station.screen.cursor_shown);
-    std::ofstream(fake.path("go")) << "\n";
+    fake.release("go");
     EXPECT_TRUE(station.shows("##########..........  50%   13.8")) << station.screen.text();
-    std::ofstream(fake.path("release")) << "\n";
+    fake.release();
     EXPECT_EQ(station.finish(), status_of(Cause::no_sync));
     EXPECT_TRUE(contains(station.screen.text(), "1 good, 1 bad\n")) << station.screen.text();
     EXPECT_TRUE(contains(station.screen.text(), "  P2: the module did not answer: Sync failed!"));
@@ -952,7 +955,7 @@ TEST(LiveTable, IsDrawnNoMoreThanTenTimesASecond) {
     const Fake fake(
         "echo '[000.000][INFO] Send Firmware...'\nfor i in $(seq 1 300); do echo "
         "\"[000.000][SPEED] $i Bytes/300 Bytes    1 KBps\"; sleep 0.002; done\n" +
-        std::string(success));
+        success);
     double seconds = 0;
     int draws = 0;
     seconds = seconds_of([&] {
@@ -965,10 +968,7 @@ TEST(LiveTable, IsDrawnNoMoreThanTenTimesASecond) {
 }
 
 TEST(LiveTable, FitsASmallTerminalAndSaysWhatIsHidden) {
-    const Fake fake(
-        "if [ $PORT = P17 ]; then exit; fi\nhere=$(dirname \"$0\")\nwhile [ ! -e "
-        "$here/release ]; do sleep 0.1; done\n" +
-        std::string(success));
+    const Fake fake("if [ $PORT = P17 ]; then exit; fi\nawait release\n" + success);
     Words ports;
     for (int number = 10; number < 30; ++number) {
         ports.push_back("P" + std::to_string(number));
@@ -978,7 +978,7 @@ TEST(LiveTable, FitsASmallTerminalAndSaysWhatIsHidden) {
     EXPECT_TRUE(station.shows("FAILED")) << station.screen.text();
     EXPECT_TRUE(contains(station.screen.text(), "13 more")) << station.screen.text();
     EXPECT_FALSE(station.screen.wrapped);
-    std::ofstream(fake.path("release")) << "\n";
+    fake.release();
     EXPECT_EQ(station.finish(), status_of(Cause::no_result));
 }
 

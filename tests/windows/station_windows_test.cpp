@@ -63,6 +63,14 @@ std::string phase_on_page(int http, const std::string& port) {
     return {};
 }
 
+/// The words of a station that flashes app.bin of its folder at these ports.
+std::vector<std::string> station_words(const std::vector<std::string>& options_and_ports) {
+    std::vector<std::string> words{"--plain"};
+    words.insert(words.end(), options_and_ports.begin(), options_and_ports.end());
+    words.insert(words.end(), {"--", "-m", "TR52G", "-b", fast, "-f", "app.bin", "-t", "UPG"});
+    return on_wine("orbix_station", words);
+}
+
 TEST(WindowsStation, TwoModulesSideBySideOneOfThemFaulty) {
     const TempDir folder;
     const Bytes image = random_image(30'000);
@@ -74,13 +82,8 @@ TEST(WindowsStation, TwoModulesSideBySideOneOfThemFaulty) {
     const ComPort second("com13", faulty.port());
     const int http = free_port();
     Background station(find_wine(),
-                       on_wine("orbix_station", {"--plain",   "--json", "records",
-                                                 "--log-dir", "logs",   "--stall",
-                                                 "3",         "--http", std::to_string(http),
-                                                 "COM12",     "COM13",  "--",
-                                                 "-m",        "TR52G",  "-b",
-                                                 fast,        "-f",     "app.bin",
-                                                 "-t",        "UPG"}),
+                       station_words({"--json", "records", "--log-dir", "logs", "--stall", "3",
+                                      "--http", std::to_string(http), "COM12", "COM13"}),
                        folder.path());
     // The faulty one is waited for, so there is time to look at the page.
     if (!comes_true([http] { return phase_on_page(http, "COM12") == "done"; })) {
@@ -121,26 +124,26 @@ TEST(WindowsStation, TwoModulesSideBySideOneOfThemFaulty) {
 TEST(WindowsStation, AnAbsentPortIsToldAsThat) {
     const TempDir folder;
     folder.write("app.bin", random_image(1000));
-    const Finished finished =
-        run_program(find_wine(),
-                    on_wine("orbix_station", {"--plain", "COM77", "--", "-m", "TR52G", "-b", fast,
-                                              "-f", "app.bin", "-t", "UPG"}),
-                    folder.path());
+    const Finished finished = run_program(find_wine(), station_words({"COM77"}), folder.path());
     EXPECT_EQ(finished.status, 3);
     EXPECT_NE(finished.output.find("COM77: FAILED: the port could not be opened"),
               std::string::npos)
         << finished.output;
 }
 
+/// A station whose only module falls silent early in the transfer: its run goes on. At the end the
+/// station is killed.
+struct StalledRun {
+    TempDir folder;
+    SimulatedModule module{"TR52G", {"--rate", fast, "--instant", "--faults", silent_soon}};
+    ComPort port{"com12", module.port()};
+    std::string image = folder.write("app.bin", random_image(30'000));
+    Background station{find_wine(), station_words({"COM12"}), folder.path()};
+};
+
 TEST(WindowsStation, CtrlCOnceLetsTheRunFinishTwiceEndsIt) {
-    const TempDir folder;
-    folder.write("app.bin", random_image(30'000));
-    const SimulatedModule module("TR52G", {"--rate", fast, "--instant", "--faults", silent_soon});
-    const ComPort port("com12", module.port());
-    Background station(find_wine(),
-                       on_wine("orbix_station", {"--plain", "COM12", "--", "-m", "TR52G", "-b",
-                                                 fast, "-f", "app.bin", "-t", "UPG"}),
-                       folder.path());
+    StalledRun run;
+    Background& station = run.station;
     while (station.read_line().find(": write") == std::string::npos) {
     }
     station.send_signal(SIGINT);
@@ -157,15 +160,8 @@ TEST(WindowsStation, CtrlCOnceLetsTheRunFinishTwiceEndsIt) {
 }
 
 TEST(WindowsStation, WhenItIsKilledItsRunsEnd) {
-    const TempDir folder;
-    folder.write("app.bin", random_image(30'000));
-    const SimulatedModule module("TR52G", {"--rate", fast, "--instant", "--faults", silent_soon});
-    const ComPort port("com12", module.port());
     {
-        Background station(find_wine(),
-                           on_wine("orbix_station", {"--plain", "COM12", "--", "-m", "TR52G", "-b",
-                                                     fast, "-f", "app.bin", "-t", "UPG"}),
-                           folder.path());
+        const StalledRun run;
         EXPECT_TRUE(comes_true([] { return processes_of("orbix_flash") == 1; }));
     }  // killed
     EXPECT_TRUE(comes_true([] { return processes_of("orbix_flash") == 0; }));
