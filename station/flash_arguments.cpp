@@ -131,10 +131,10 @@ HashedFile hashed(const std::string& path) {
     static_cast<void>(ready);
     HashedFile result{.path = path, .sha256 = {}, .size = 0};
     std::error_code failure;
-    std::ifstream file(path, std::ios::binary);
-    if (!std::filesystem::is_regular_file(path, failure) || !file) {
-        return result;
+    if (!std::filesystem::is_regular_file(path, failure)) {
+        return result;  // to open a pipe would be to wait for whoever writes into it
     }
+    std::ifstream file(path, std::ios::binary);
     gcry_md_hd_t digest = nullptr;
     if (gcry_md_open(&digest, GCRY_MD_SHA256, 0) != 0) {
         return result;

@@ -74,6 +74,11 @@ bool take_number(std::string_view& text, Number& number) {
     return true;
 }
 
+/// A program in the tool's place may print what it likes, "nan" too.
+double per_cent(double read) {
+    return read >= 0 ? std::min(read, 100.0) : 0;
+}
+
 /// The first row whose pattern fits, or null.
 template <typename Row>
 const Row* find_text(std::span<const Row> table, std::string_view text) {
@@ -184,7 +189,10 @@ void FlashLines::take_part(std::string_view text) {
         return;
     }
     if (take_prefix(text, "[PROGRESS] ")) {
-        take_number(text, percent);
+        double read = 0;
+        if (take_number(text, read)) {
+            percent = per_cent(read);
+        }
         go_on();
         return;
     }
@@ -194,9 +202,6 @@ void FlashLines::take_part(std::string_view text) {
         return;
     }
     take_prefix(text, "[INFO] ");
-    if (text.starts_with("name :")) {
-        model = text.substr(6);
-    }
     if (text.starts_with(" Usage: ")) {
         usage_shown_ = true;
         nothing_flashed_ = Cause::usage;
@@ -245,7 +250,7 @@ void FlashLines::take_speed(std::string_view text) {
     bytes_total = total;
     kbytes_per_second = rate;
     if (total != 0) {
-        percent = 100.0 * static_cast<double>(done) / static_cast<double>(total);
+        percent = per_cent(100.0 * static_cast<double>(done) / static_cast<double>(total));
     }
 }
 

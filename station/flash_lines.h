@@ -80,11 +80,10 @@ class FlashLines {
     // Where it is.
     Phase phase = Phase::connect;
     std::string waiting_for;  ///< what a person has to do now, or empty
-    double percent = 0;       ///< of the step
+    double percent = 0;       ///< of the step, 0 to 100
     std::uint64_t bytes_done = 0;
     std::uint64_t bytes_total = 0;
     double kbytes_per_second = 0;
-    std::string model;  ///< as the tool has read it
 
     // How it went; all of it meant after `end`.
     Cause cause = Cause::no_result;

@@ -3,6 +3,7 @@
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -53,8 +54,16 @@ CLI::Validator between(Number least, Number most) {
     return CLI::Range(least, most).description("");
 }
 
-std::chrono::milliseconds milliseconds_of(double seconds) {
-    return std::chrono::milliseconds(static_cast<long long>(seconds * 1000));
+/// The longest limit of a run that can be set, about eleven days.
+constexpr double most_seconds = 1e6;
+
+/// A limit in milliseconds; a shorter one is no reason for none at all. The library lets "nan"
+/// through.
+std::chrono::milliseconds limit_of(const char* option, double seconds) {
+    if (std::isnan(seconds)) {
+        throw std::invalid_argument(std::string(option) + ": nan is no number of seconds");
+    }
+    return std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));
 }
 
 /// Where the program is: the path that was asked for, beside this program, or in the PATH.
@@ -148,11 +157,11 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& sta
     app.add_option("--timeout", time_limit,
                    "end a run that takes longer (default 5400, 0: no limit)")
         ->type_name("SECONDS")
-        ->check(between(0.0, 1e6));
+        ->check(between(0.0, most_seconds));
     app.add_option("--stall", silence_limit,
                    "end a run that writes nothing for so long\n(default 240, 0: no limit)")
         ->type_name("SECONDS")
-        ->check(between(0.0, 1e6));
+        ->check(between(0.0, most_seconds));
     app.add_option("--watch", options.watch,
                    "production: flash each port that matches once it\n"
                    "appears, those that are there already too, none\n"
@@ -179,9 +188,9 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& sta
         status = result == 0 ? 0 : static_cast<int>(Cause::usage);
         return std::nullopt;
     }
-    options.time_limit = milliseconds_of(time_limit);
-    options.silence_limit = milliseconds_of(silence_limit);
     try {
+        options.time_limit = limit_of("--timeout", time_limit);
+        options.silence_limit = limit_of("--stall", silence_limit);
         if (passed_on.empty()) {
             throw std::invalid_argument(
                 "put the arguments of orbix_flash behind \"--\"; "

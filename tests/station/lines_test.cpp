@@ -445,6 +445,17 @@ TEST(Progress, BytesOfSeveralImagesAddUp) {
     EXPECT_DOUBLE_EQ(lines.kbytes_per_second, 2.5);
 }
 
+TEST(Progress, StaysBetweenNothingAndAllWhateverIsPrinted) {
+    FlashLines lines;
+    lines.take("[000.000][INFO] Send Firmware...");
+    for (const char* line :
+         {"[000.000][PROGRESS] nan%", "[000.000][PROGRESS] -inf%", "[000.000][PROGRESS] 1e300%",
+          "[000.000][SPEED] 18000000000000000000 Bytes/1 Bytes    1 KBps"}) {
+        lines.take(line);
+        EXPECT_TRUE(lines.percent >= 0 && lines.percent <= 100) << line << lines.percent;
+    }
+}
+
 TEST(Progress, LinesWithoutAnEndAreReadOneByOne) {
     FlashLines lines;
     lines.take("[000.280] receive ACK[000.280][INFO] Send Firmware...");

@@ -271,6 +271,10 @@ TEST(Limits, ProgramThatGoesOnForTooLongIsEnded) {
     EXPECT_GE(run.result["seconds"], 0.5);
 }
 
+TEST(Limits, LimitBelowAMillisecondIsALimit) {
+    EXPECT_EQ(judged("sleep 3", {"--timeout", "0.0004"}).status, status_of(Cause::time_limit));
+}
+
 TEST(Limits, FloodIsEnded) {
     EXPECT_EQ(judged("exec yes", {"--timeout", "0.3"}).status, status_of(Cause::time_limit));
     EXPECT_EQ(judged("exec cat /dev/zero", {"--timeout", "0.3"}).status,
@@ -359,6 +363,7 @@ TEST(Starting, UsageErrorsHaveOneClearLine) {
              Row{Words{"P1", "P2", "--"} + flash + Words{"-o", "a"}, "one module"},
              Row{Words{"P1", "--jobs", "0", "--"} + flash, "--jobs"},
              Row{Words{"P1", "--timeout", "x", "--"} + flash, "--timeout"},
+             Row{Words{"P1", "--stall", "nan", "--"} + flash, "--stall: nan is no number"},
              Row{Words{"P1", "--nonsense", "--"} + flash, "--nonsense"},
              Row{Words{"P1", "--http", "1.2.3.4:x", "--"} + flash, "1.2.3.4:x"},
          }) {
@@ -587,6 +592,18 @@ TEST(Records, FileThatCannotBeWrittenIsOneClearFailure) {
     const Finished absent = run_fake(fake, {"P1", "--json", "/nowhere/records"});
     EXPECT_EQ(absent.status, status_of(Cause::internal));
     EXPECT_TRUE(contains(absent.errors, "cannot write the records to /nowhere/records"));
+}
+
+TEST(Records, ImageThatIsAPipeIsNotWaitedFor) {
+    const Fake fake(success);
+    const std::string pipe = fake.path("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    Background station("orbix_station", fake.options() + Words{"P1", "--json", "-", "--", "-m",
+                                                               "TR52G", "-f", pipe});
+    std::string first;
+    const double seconds = seconds_of([&] { first = station.read_line(); });
+    EXPECT_LT(seconds, 10);
+    EXPECT_TRUE(json::parse(first)["firmware"][0]["sha256"].is_null());
 }
 
 TEST(Logs, HoldTheFullOutputOfEachAttempt) {
