@@ -60,10 +60,10 @@ struct Run {
     std::unique_ptr<FlashRun> process;
 };
 
-/// A run that is tried again after a moment.
-struct Pause {
-    std::shared_ptr<asio::steady_timer> timer;
-    Row row;  ///< as the last attempt has left it
+/// An attempt that has failed and is followed by another one: its result, should that one not come.
+struct FailedAttempt {
+    std::shared_ptr<asio::steady_timer> pause;  ///< before the next one is due
+    Row row;
     RunFacts facts;
 };
 
@@ -231,11 +231,17 @@ class Station {
         std::vector<std::string> words{command.program};
         words.insert(words.end(), command.arguments.begin(), command.arguments.end());
 
-        keep([&] { records_.start(run.row, run.facts, words); });
+        if (!ending_) {
+            keep([&] { records_.start(run.row, run.facts, words); });
+        }
         if (ending_) {
-            conclude_unstarted(job, Cause::internal);  // there is no room for its log or records
+            // There is no room for its log or records. Attempts before it have been concluded.
+            if (job.attempt == 1) {
+                conclude_unstarted(job.port, Cause::internal);
+            }
             return;
         }
+        failed_attempts_.erase(job.port);
         running_[job.port] = std::move(owner);
         publish(run.row);
         keep([&] { records_.phase(run.row); });
@@ -398,14 +404,19 @@ class Station {
     void try_again(const Run& run) {
         keep([&] { records_.attempt_failed(run.row, run.facts); });
         tell([&](PlainLines& lines) { lines.attempt_failed(run.row); });
+        if (ending_) {
+            conclude_run(run.row, run.facts);  // there was no room for the record
+            return;
+        }
         Row row = run.row;
         row.phase = Phase::queued;
         publish(row);
         const Job job{.port = run.row.port, .attempt = run.row.attempt + 1};
         auto pause = std::make_shared<asio::steady_timer>(context_, retry_pause);
-        pauses_[job.port] = {.timer = pause, .row = run.row, .facts = run.facts};
+        failed_attempts_[job.port] = {.pause = pause, .row = run.row, .facts = run.facts};
         pause->async_wait([this, job, pause](const error_code& cancelled) {
-            if (!cancelled && pauses_.erase(job.port) != 0) {
+            const auto failed = failed_attempts_.find(job.port);
+            if (!cancelled && failed != failed_attempts_.end() && failed->second.pause == pause) {
                 queue_.push_front(job);
                 start_waiting_jobs();
             }
@@ -424,21 +435,25 @@ class Station {
         tell([&](PlainLines& lines) { lines.result(row); });
     }
 
-    /// No more attempts: the last one counts.
-    void give_up_pause(const std::string& port) {
-        const auto pause = pauses_.extract(port);
-        if (!pause.empty()) {
-            pause.mapped().timer->cancel();
-            conclude_run(pause.mapped().row, pause.mapped().facts);
+    /// No more attempts for a port: if one has failed, it counts.
+    void give_up_next_attempt(const std::string& port) {
+        const auto failed = failed_attempts_.extract(port);
+        if (!failed.empty()) {
+            failed.mapped().pause->cancel();
+            leave_queue(port);
+            conclude_run(failed.mapped().row, failed.mapped().facts);
         }
     }
 
-    void conclude_unstarted(const Job& job, Cause cause) {
+    void leave_queue(const std::string& port) {
+        std::erase_if(queue_, [&port](const Job& job) { return job.port == port; });
+    }
+
+    void conclude_unstarted(const std::string& port, Cause cause) {
         Row row;
-        row.port = job.port;
+        row.port = port;
         row.model = options_.flash.model;
         row.phase = Phase::done;
-        row.attempt = job.attempt - 1;
         row.cause = cause;
         row.message = "not started";
         RunFacts facts;
@@ -448,11 +463,11 @@ class Station {
 
     /// Those that have not had their turn get none.
     void give_up_queue(Cause cause) {
-        while (!pauses_.empty()) {
-            give_up_pause(std::string(pauses_.begin()->first));
+        while (!failed_attempts_.empty()) {
+            give_up_next_attempt(std::string(failed_attempts_.begin()->first));
         }
         for (const Job& job : std::exchange(queue_, {})) {
-            conclude_unstarted(job, cause);
+            conclude_unstarted(job.port, cause);
         }
     }
 
@@ -464,8 +479,8 @@ class Station {
     }
 
     void mark_gone(const std::string& port, WatchedPort& watched) {
-        std::erase_if(queue_, [&port](const Job& job) { return job.port == port; });
-        give_up_pause(port);
+        leave_queue(port);
+        give_up_next_attempt(port);
         if (running_.contains(port)) {
             watched.gone = true;
         } else {
@@ -563,7 +578,7 @@ class Station {
 
     void end_when_done() {
         const bool more_may_come = !options_.watch.empty() && !ending_;
-        if (!more_may_come && queue_.empty() && running_.empty() && pauses_.empty()) {
+        if (!more_may_come && queue_.empty() && running_.empty() && failed_attempts_.empty()) {
             signals_.cancel();
             redraw_timer_.cancel();
             poll_timer_.cancel();
@@ -574,7 +589,7 @@ class Station {
     void conclude() {
         if (table_) {
             table_->draw();
-            table_->close();
+            table_.reset();  // what is told from here on stands below it
         }
         std::FILE* const file = options_.json == "-" ? stderr : stdout;
         PlainLines last(file);
@@ -608,7 +623,7 @@ class Station {
 
     std::deque<Job> queue_;
     std::map<std::string, std::unique_ptr<Run>> running_;
-    std::map<std::string, Pause> pauses_;
+    std::map<std::string, FailedAttempt> failed_attempts_;
     std::map<std::string, WatchedPort> watched_;
     std::vector<Row> failed_;
     Counters counters_;

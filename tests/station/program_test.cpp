@@ -12,6 +12,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
@@ -424,6 +425,33 @@ TEST(Retries, AreNotMadeWhereTheCommandLineIsWrong) {
     EXPECT_EQ(run.result["attempts"], 1);
 }
 
+/// /dev/null has a failed attempt behind it, and its next one has to wait for the module at
+/// /dev/zero.
+const std::string first_fails_second_stays =
+    "if [ $PORT = /dev/null ]; then echo '[000.000][ERROR] Sync failed!'; " + failure +
+    "; exit; fi\ntouch $here/started\nawait release\n" + success;
+const Words one_at_a_time{"--jobs", "1", "--retries", "1"};
+
+/// Waits until the next attempt is due, a second after the first.
+void await_next_attempt(const Fake& fake) {
+    fake.await("started");
+    std::this_thread::sleep_for(1300ms);
+}
+
+TEST(Retries, LastAttemptCountsWhenTheNextOneIsStillQueuedAtTheEnd) {
+    const Fake fake(first_fails_second_stays);
+    Background station("orbix_station", fake.options() + Words{"/dev/null", "/dev/zero"} +
+                                            one_at_a_time + arguments);
+    await_next_attempt(fake);
+    station.send_signal(SIGINT);
+    EXPECT_TRUE(says(station, "once more ends them"));
+    fake.release();
+    const Finished run = station.finish();
+    EXPECT_TRUE(contains(run.output, "/dev/null: FAILED: the module did not answer: Sync failed!"))
+        << run.output;
+    EXPECT_EQ(run.status, status_of(Cause::no_sync));
+}
+
 // --- ending --------------------------------------------------------------------------------------
 
 /// A script that runs until a file appears, and notes its number.
@@ -592,6 +620,45 @@ TEST(Records, FileThatCannotBeWrittenIsOneClearFailure) {
     const Finished absent = run_fake(fake, {"P1", "--json", "/nowhere/records"});
     EXPECT_EQ(absent.status, status_of(Cause::internal));
     EXPECT_TRUE(contains(absent.errors, "cannot write the records to /nowhere/records"));
+}
+
+/// A station whose files have room for 8 KiB, and not a byte more.
+Words with_little_room(const Words& words) {
+    return Words{"-c", "trap '' XFSZ; ulimit -f 8; exec " ORBIX_BIN_DIR "/orbix_station \"$@\"",
+                 "bash"} +
+           words;
+}
+
+/// Fills a file so that these records still fit into it, and no others.
+void fill_up(const std::string& file, const std::string& records) {
+    std::ofstream(file) << std::string(8192 - records.size(), '\n');
+}
+
+TEST(Records, FailedAttemptThatCannotBeRecordedIsTheResult) {
+    const Fake fake("echo '[000.000][ERROR] Sync failed!'; " + failure);
+    const std::string file = fake.path("records");
+    const Words words = fake.options() + Words{"P1", "--retries", "1", "--json", file} + arguments;
+    run_program("orbix_station", words);
+    const std::string records = read_text(file);
+    fill_up(file, records.substr(0, records.find("\"attempt_failed\"") - 20));
+    const Finished run = run_program("/bin/bash", with_little_room(words));
+    EXPECT_TRUE(contains(run.errors, "cannot write the records to " + file)) << run.errors;
+    EXPECT_TRUE(contains(run.output, "P1: FAILED: the module did not answer: Sync failed!"))
+        << run.output;
+    EXPECT_EQ(run.status, status_of(Cause::no_sync));
+}
+
+TEST(Records, DoNotTellOfTheStartOfARunThatHasNoRoomForItsLog) {
+    const Fake fake(success);
+    const std::string long_name(300, 'x');  // longer than the name of a file may be
+    const Finished run = run_fake(fake, {long_name, "--log-dir", fake.path("logs"), "--json", "-"});
+    EXPECT_EQ(run.status, status_of(Cause::internal));
+    const auto records = records_in(run.output);
+    EXPECT_EQ(of_event(records, "start").size(), 0U);
+    const auto results = of_event(records, "result");
+    ASSERT_EQ(results.size(), 1U);
+    EXPECT_EQ(results[0]["cause"], "internal");
+    EXPECT_EQ(results[0]["attempts"], 0);
 }
 
 TEST(Records, ImageThatIsAPipeIsNotWaitedFor) {
@@ -784,6 +851,25 @@ TEST(Watching, PortThatComesBackInMidRunIsAnotherModule) {
     EXPECT_TRUE(contains(station.finish().output, "1 good, 1 bad"));
 }
 
+TEST(Watching, ModuleThatIsUnpluggedBeforeItsNextAttemptHasAResult) {
+    const TempDir folder;
+    const std::string port = folder.path("port1");
+    std::filesystem::create_symlink("/dev/null", port);
+    std::filesystem::create_symlink("/dev/zero", folder.path("port2"));
+    const Fake fake(first_fails_second_stays);
+    Background station("orbix_station", fake.options() + Words{"--watch", folder.path("port*")} +
+                                            one_at_a_time + arguments);
+    await_next_attempt(fake);
+    std::filesystem::remove(port);
+    std::this_thread::sleep_for(600ms);  // twice the station's look at the ports
+    fake.release();
+    EXPECT_TRUE(says(station, "port2: good"));
+    station.send_signal(SIGTERM);
+    const Finished run = station.finish();
+    EXPECT_TRUE(contains(run.output, "1 good, 1 bad")) << run.output;
+    EXPECT_EQ(run.status, status_of(Cause::no_sync));
+}
+
 TEST(Watching, SignalLetsTheRunningOneFinish) {
     const TempDir folder;
     std::filesystem::create_symlink("/dev/null", folder.path("port1"));
@@ -877,10 +963,11 @@ class Screen {
 /// The station on a terminal of its own.
 class OnTerminal {
   public:
-    OnTerminal(const Words& words, unsigned short columns, unsigned short lines)
+    OnTerminal(const Words& words, unsigned short columns, unsigned short lines,
+               const std::string& program = ORBIX_BIN_DIR "/orbix_station")
         : screen(columns, lines) {
         winsize size{.ws_row = lines, .ws_col = columns, .ws_xpixel = 0, .ws_ypixel = 0};
-        Words all = Words{ORBIX_BIN_DIR "/orbix_station"} + words;
+        Words all = Words{program} + words;
         std::vector<char*> argv;
         for (std::string& word : all) {
             argv.push_back(word.data());
@@ -966,6 +1053,20 @@ TEST(LiveTable, ShowsPhasesBarsAndResults) {
     EXPECT_TRUE(station.screen.cursor_shown);
     EXPECT_FALSE(station.screen.wrapped);
     EXPECT_EQ(station.screen.unknown, "");
+}
+
+TEST(LiveTable, StandsAboveAFailureAtTheEnd) {
+    const Fake fake(success);
+    const std::string file = fake.path("records");
+    const Words words = fake.options() + Words{"P1", "--json", file} + arguments;
+    run_program("orbix_station", words);
+    const std::string records = read_text(file);
+    fill_up(file, records.substr(0, records.find("\"summary\"") - 20));
+    OnTerminal station(with_little_room(words), 200, 30, "/bin/bash");
+    EXPECT_EQ(station.finish(), status_of(Cause::internal));
+    const std::string screen = station.screen.text();
+    EXPECT_TRUE(contains(screen, "PORT ")) << screen;
+    EXPECT_LT(screen.find("1 good, 0 bad\n"), screen.find("cannot write the records")) << screen;
 }
 
 TEST(LiveTable, IsDrawnNoMoreThanTenTimesASecond) {
