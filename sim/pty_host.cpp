@@ -97,18 +97,22 @@ class Master {
     bool usable_ = false;
 };
 
-/// A symbolic link that goes when the host does.
+/// A symbolic link that goes when the host does. It takes the place of another link, but of nothing
+/// else.
 class Link {
   public:
-    Link(std::string path, const std::string& port) : path_(std::move(path)) {
+    Link(std::string path, std::string port) : path_(std::move(path)), port_(std::move(port)) {
         if (!path_.empty()) {
-            std::filesystem::remove(path_, error_);
-            std::filesystem::create_symlink(port, path_, error_);
+            if (std::filesystem::is_symlink(path_, error_)) {
+                std::filesystem::remove(path_, error_);
+            }
+            std::filesystem::create_symlink(port_, path_, error_);
         }
     }
     ~Link() {
-        if (!path_.empty() && !error_) {
-            std::filesystem::remove(path_, error_);
+        std::error_code none;
+        if (!path_.empty() && !error_ && std::filesystem::read_symlink(path_, none) == port_) {
+            std::filesystem::remove(path_, none);
         }
     }
     Link(const Link&) = delete;
@@ -118,6 +122,7 @@ class Link {
 
   private:
     std::string path_;
+    std::string port_;
     std::error_code error_;
 };
 

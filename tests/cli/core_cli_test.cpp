@@ -105,6 +105,23 @@ TEST(ProgramSim, LinkIsThePortAndGoesAway) {
     EXPECT_FALSE(std::filesystem::is_symlink(link));
 }
 
+TEST(ProgramSim, LinkTakesThePlaceOfAnotherLinkAndOfNothingElse) {
+    const TempDir folder;
+    const std::string file = folder.write("app.bin", std::string("firmware"));
+    const Finished refused = run_program("orbix_sim", {"TR52G", "--link", file});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.errors, "orbix_sim: cannot make the link " + file + ": File exists\n");
+    EXPECT_EQ(sim::read_text(file), "firmware");
+
+    const std::string link = folder.path("port");
+    SimulatedModule first("TR52G", {"--link", link});
+    SimulatedModule second("TR52G", {"--link", link});
+    first.stop();
+    EXPECT_TRUE(std::filesystem::is_symlink(link)) << "it is the second one's now";
+    second.stop();
+    EXPECT_FALSE(std::filesystem::is_symlink(link));
+}
+
 TEST(ProgramSim, ServesOneRunAfterTheOther) {
     const TempDir folder;
     SimulatedModule module("TR52G", {"--rate", fast});
