@@ -24,7 +24,7 @@ std::size_t Draw::image_size(std::size_t block, std::size_t most) {
     most = std::min(most, largest_image_);
     if (chance(40)) {
         const std::size_t edge = number(1, std::max<std::size_t>(1, most / block)) * block;
-        return edge + number(0, 2) - 1;
+        return std::min(edge + number(0, 2) - 1, largest_image_);
     }
     return chance(50) ? magnitude(1, most) : number(1, most);
 }

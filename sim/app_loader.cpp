@@ -147,15 +147,16 @@ SlaveState AppLoader::inform(const UpgradeFrame& frame) {
     if (frame.payload.size() != 16 || frame.word(12) != settings_.fourth_word) {
         return SlaveState::package_error;
     }
-    size_ = frame.word(0);
-    crc_ = frame.word(4);
+    const std::uint32_t size = frame.word(0);
     const auto area =
         std::find_if(settings_.areas.begin(), settings_.areas.end(),
                      [&frame](const Area& known) { return known.announced == frame.word(8); });
-    if (area == settings_.areas.end() || size_ > area->size) {
+    if (area == settings_.areas.end() || size > area->size) {
         return SlaveState::size_error;
     }
     area_ = *area;
+    size_ = size;
+    crc_ = frame.word(4);
     received_ = 0;
     next_block_ = 0;
     last_block_.clear();
