@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <numeric>
 
+#include "wire_words.h"
+
 namespace orbix::sim {
 
 namespace {
@@ -147,8 +149,7 @@ void AppProcessor::take_command(Wire& wire) {
 }
 
 void AppProcessor::take_address(AppStep step, State next, Wire& wire) {
-    address_ = static_cast<std::uint32_t>(message_[0] << 24 | message_[1] << 16 | message_[2] << 8 |
-                                          message_[3]);
+    address_ = from_big_endian(std::span(message_).first(4));
     if (!checksum_is_right(message_) || !flash_.contains(address_, 1)) {
         refuse(step, wire);
         return;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "checksums.h"
+#include "wire_words.h"
 
 namespace orbix::sim {
 
@@ -33,11 +34,7 @@ constexpr std::size_t info_size = 56;
 constexpr std::size_t rom_piece = 5120;
 
 std::uint32_t word_at(std::span<const std::uint8_t> bytes, std::size_t at) {
-    std::uint32_t word = 0;
-    for (std::size_t index = 4; index > 0; --index) {
-        word = word << 8 | bytes[at + index - 1];
-    }
-    return word;
+    return from_little_endian(bytes.subspan(at, 4));
 }
 
 bool all_zero(std::span<const std::uint8_t> bytes) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "checksums.h"
+#include "wire_words.h"
 
 namespace orbix::sim {
 
@@ -22,9 +23,7 @@ constexpr std::uint32_t mebibyte = 0x100000;
 std::vector<std::uint8_t> big_endian_words(std::initializer_list<std::uint32_t> words) {
     std::vector<std::uint8_t> bytes;
     for (const std::uint32_t word : words) {
-        for (int shift = 24; shift >= 0; shift -= 8) {
-            bytes.push_back(static_cast<std::uint8_t>(word >> shift));
-        }
+        append_big_endian(bytes, word, 4);
     }
     return bytes;
 }

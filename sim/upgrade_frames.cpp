@@ -3,29 +3,12 @@
 #include <algorithm>
 
 #include "checksums.h"
+#include "wire_words.h"
 
 namespace orbix::sim {
 
-namespace {
-
-std::uint32_t big_endian(std::span<const std::uint8_t> bytes) {
-    std::uint32_t value = 0;
-    for (const std::uint8_t byte : bytes.first(4)) {
-        value = value * 256 + byte;
-    }
-    return value;
-}
-
-void append_big_endian(std::vector<std::uint8_t>& bytes, std::uint32_t value, int count) {
-    for (int shift = 8 * (count - 1); shift >= 0; shift -= 8) {
-        bytes.push_back(static_cast<std::uint8_t>(value >> shift));
-    }
-}
-
-}  // namespace
-
 std::uint32_t UpgradeFrame::word(std::size_t offset) const {
-    return big_endian(std::span(payload).subspan(offset));
+    return from_big_endian(std::span(payload).subspan(offset, 4));
 }
 
 std::optional<UpgradeFrame> UpgradeFrameReader::push(std::uint8_t byte) {
@@ -41,7 +24,7 @@ std::optional<UpgradeFrame> UpgradeFrameReader::push(std::uint8_t byte) {
         return std::nullopt;
     }
     const auto body = std::span(bytes_).subspan(1, payload_length + 4);
-    const std::uint32_t crc = big_endian(std::span(bytes_).subspan(payload_length + 5));
+    const std::uint32_t crc = from_big_endian(std::span(bytes_).subspan(payload_length + 5, 4));
     UpgradeFrame frame{.address = bytes_[1],
                        .command = bytes_[2],
                        .payload = {bytes_.begin() + 5, bytes_.end() - 5},

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "checksums.h"
+#include "wire_words.h"
 
 namespace orbix::sim {
 
@@ -214,10 +215,7 @@ bool Zpx710pRomLoader::erase_pages() {
 
 bool Zpx710pRomLoader::take_address() {
     address_packet_ = packet_;
-    address_ = 0;
-    for (std::size_t index = 0; index < 4; ++index) {
-        address_ = address_ << 8 | packet_[index];
-    }
+    address_ = from_big_endian(std::span(packet_).first(4));
     return packet_sums_up() && flash_.contains(address_, 1);
 }
 
