@@ -5,11 +5,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <ctime>
 #include <fstream>
 #include <map>
+#include <system_error>
 
 #include "temp_dir.h"
 
@@ -19,7 +22,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr timespec patience{300, 0};
+constexpr std::chrono::minutes patience{5};
 
 /// From one start to the next: starting a program costs more processor time than its whole run.
 constexpr timespec between_starts{0, 10'000'000};
@@ -49,7 +52,15 @@ class ChildSignal {
     ChildSignal& operator=(const ChildSignal&) = delete;
 
     void restore() const { sigprocmask(SIG_SETMASK, &before_, nullptr); }
-    [[nodiscard]] bool wait() const { return sigtimedwait(&set_, nullptr, &patience) >= 0; }
+
+    /// Returns false, and at once, when the deadline is over.
+    [[nodiscard]] bool wait_until(Clock::time_point deadline) const {
+        using std::chrono::nanoseconds;
+        const nanoseconds left = std::max(deadline - Clock::now(), Clock::duration::zero());
+        const timespec limit{static_cast<time_t>(left.count() / 1'000'000'000),
+                             static_cast<long>(left.count() % 1'000'000'000)};
+        return sigtimedwait(&set_, nullptr, &limit) >= 0 || errno == EINTR;
+    }
 
   private:
     sigset_t set_{};
@@ -77,6 +88,9 @@ pid_t start(const Command& command, const std::string& output, const std::string
     }
     argv.push_back(nullptr);
     const pid_t child = fork();
+    if (child < 0) {
+        throw std::system_error(errno, std::generic_category(), "no process");
+    }
     if (child == 0) {
         setpgid(0, 0);
         signal.restore();
@@ -97,12 +111,13 @@ pid_t start(const Command& command, const std::string& output, const std::string
 bool has_ended(pid_t child, const Running& program, std::vector<Measured>& results) {
     int status = 0;
     rusage usage{};
-    if (wait4(child, &status, WNOHANG, &usage) == 0) {
+    const pid_t ended = wait4(child, &status, WNOHANG, &usage);
+    if (ended == 0) {
         return false;
     }
     Measured& result = results[program.number];
     result.seconds = seconds_since(program.begun);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    result.status = ended == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     result.processor_seconds = seconds(usage.ru_utime) + seconds(usage.ru_stime);
     return true;
 }
@@ -123,6 +138,7 @@ std::vector<Measured> run_side_by_side(const std::vector<Command>& commands,
             nanosleep(&between_starts, nullptr);
         }
     }
+    const auto deadline = Clock::now() + patience;
     while (true) {
         std::erase_if(running, [&results](const auto& entry) {
             return has_ended(entry.first, entry.second, results);
@@ -130,7 +146,7 @@ std::vector<Measured> run_side_by_side(const std::vector<Command>& commands,
         if (running.empty()) {
             break;
         }
-        if (!signal.wait()) {
+        if (!signal.wait_until(deadline)) {
             for (const auto& [child, program] : running) {
                 kill(-child, SIGKILL);
             }

@@ -9,6 +9,7 @@
 #include <array>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 
 namespace orbix::bench {
 
@@ -94,13 +95,8 @@ bool send_by_xmodem(const std::string& program, const Port& port, const std::str
 Measured sx_download(const Peer& peer, const std::string& port_name, unsigned /*rate*/,
                      const Arguments& arguments, const std::string& folder) {
     const std::string code = folder + "/loader_code";
-    {
-        const sim::Bytes package = sim::read_file(value_of(arguments, "-L"));
-        std::FILE* const file = std::fopen(code.c_str(), "wb");
-        std::fwrite(package.data() + loader_header_size, 1, package.size() - loader_header_size,
-                    file);
-        std::fclose(file);
-    }
+    std::ofstream(code, std::ios::binary)
+        << sim::read_text(value_of(arguments, "-L")).substr(loader_header_size);
     Measured measured;
     const auto begun = Clock::now();
     const Port port(port_name);
