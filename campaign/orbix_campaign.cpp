@@ -7,7 +7,9 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -21,7 +23,11 @@ namespace {
 
 using namespace orbix::campaign;
 
-constexpr int usage_error = 2;
+/// The exit status where runs cannot be made, for a wrong command line or for want of a folder.
+constexpr int not_run = 2;
+
+/// That of a process without its working folder; the tool has no such status.
+constexpr int no_workplace = 70;
 
 /// A run that takes this long on the wall clock is stuck without asking the port for anything.
 constexpr unsigned stuck_after_s = 120;
@@ -56,7 +62,8 @@ void print_help(std::FILE* out) {
         "  --list         print the families and modes\n"
         "  --help         print this text\n"
         "\n"
-        "The exit status is 0 when all checks held, 1 when one did not.\n");
+        "The exit status is 0 when all checks held, 1 when one did not, 2 when runs were not "
+        "made.\n");
 }
 
 void list_modes() {
@@ -149,16 +156,30 @@ void take_run(const std::vector<const Scenario*>& table, const Options& options,
     std::fflush(stdout);
 }
 
-/// Every `jobs`th run from `first` on.
-void work(const std::vector<const Scenario*>& table, const Options& options, std::uint64_t first,
-          Shared& shared, Post& post) {
-    const Workplace workplace;
+/// The working folder, or nothing after a line on standard error.
+std::unique_ptr<Workplace> make_workplace() {
+    try {
+        return std::make_unique<Workplace>();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "orbix_campaign: no working folder: %s\n", error.what());
+        return nullptr;
+    }
+}
+
+/// Every `jobs`th run from `first` on. Returns the exit status of the process.
+int work(const std::vector<const Scenario*>& table, const Options& options, std::uint64_t first,
+         Shared& shared, Post& post) {
+    const std::unique_ptr<Workplace> workplace = make_workplace();
+    if (workplace == nullptr) {
+        return no_workplace;
+    }
     for (std::uint64_t run = first; run < options.runs; run += options.jobs) {
         post.run = run;
         alarm(stuck_after_s);
         take_run(table, options, run, shared);
     }
     alarm(0);
+    return 0;
 }
 
 /// Starts a process for the share from `first` on.
@@ -167,19 +188,21 @@ pid_t start(const std::vector<const Scenario*>& table, const Options& options, s
     std::fflush(stdout);
     const pid_t process = fork();
     if (process == 0) {
-        work(table, options, first, shared, post);
+        const int status = work(table, options, first, shared, post);
         std::fflush(stdout);
-        _exit(0);
+        _exit(status);
     }
     if (process < 0) {
         std::perror("fork");
-        std::exit(usage_error);
+        std::exit(not_run);
     }
     return process;
 }
 
 /// Runs all shares. A process that dies is replaced by one that goes on behind the deadly run.
-void run_all(const std::vector<const Scenario*>& table, const Options& options, Shared& shared) {
+/// Returns false when a share could not be run.
+bool run_all(const std::vector<const Scenario*>& table, const Options& options, Shared& shared) {
+    bool all_run = true;
     std::map<pid_t, Post*> processes;
     for (unsigned job = 0; job < options.jobs; ++job) {
         Post* const post = share<Post>();
@@ -197,6 +220,11 @@ void run_all(const std::vector<const Scenario*>& table, const Options& options, 
         if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
             continue;
         }
+        if (WIFEXITED(status) && WEXITSTATUS(status) == no_workplace) {
+            Workplace::clear_behind(process);
+            all_run = false;
+            continue;
+        }
         const std::uint64_t run = post->run;
         const Scenario& scenario = *table[run % table.size()];
         ++shared.tallies[run % table.size()].violated;
@@ -206,8 +234,11 @@ void run_all(const std::vector<const Scenario*>& table, const Options& options, 
                     WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status));
         std::printf("%s", Workplace::clear_behind(process).c_str());
         say_replay(scenario, options.seed + run);
-        processes[start(table, options, run + options.jobs, shared, *post)] = post;
+        if (run + options.jobs < options.runs) {
+            processes[start(table, options, run + options.jobs, shared, *post)] = post;
+        }
     }
+    return all_run;
 }
 
 // --- the whole -----------------------------------------------------------------------------------
@@ -270,7 +301,7 @@ int main(int argc, char** argv) {
     Options options;
     if (!read_command_line(argc, argv, options)) {
         print_help(stderr);
-        return usage_error;
+        return not_run;
     }
     if (options.help) {
         print_help(stdout);
@@ -283,14 +314,15 @@ int main(int argc, char** argv) {
     const auto table = chosen(options);
     if (table.empty() || table.size() > Shared::most_modes) {
         std::fprintf(stderr, "orbix_campaign: nothing to run; --list prints families and modes\n");
-        return usage_error;
+        return not_run;
     }
     if (options.jobs == 0) {
         options.jobs = options.trace ? 1 : std::max(1U, std::thread::hardware_concurrency());
     }
     Shared& shared = *share<Shared>();
     const auto begun = std::chrono::steady_clock::now();
-    run_all(table, options, shared);
+    const bool all_run = run_all(table, options, shared);
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begun;
-    return report(table, options, shared, taken.count()) == 0 ? 0 : 1;
+    const std::uint64_t violated = report(table, options, shared, taken.count());
+    return violated != 0 ? 1 : all_run ? 0 : not_run;
 }

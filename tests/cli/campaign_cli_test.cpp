@@ -40,6 +40,16 @@ TEST(CampaignProgram, TakesFaultsInPlaceOfTheDrawnOnes) {
     EXPECT_NE(run.output.find("  FAIL after "), std::string::npos) << run.output;
 }
 
+TEST(CampaignProgram, WithoutAWorkingFolderItEndsAndSaysSo) {
+    // No more files may be open than the three standard ones and that of the library being loaded.
+    const Finished run = run_program("/bin/bash", {"-c", "ulimit -n 4; exec " ORBIX_BIN_DIR
+                                                         "/orbix_campaign --runs 4 --jobs 2"});
+    EXPECT_EQ(run.status, 2) << run.output;
+    EXPECT_NE(run.errors.find("orbix_campaign: no working folder: "), std::string::npos)
+        << run.errors;
+    EXPECT_EQ(run.output.find("VIOLATION"), std::string::npos) << run.output;
+}
+
 TEST(CampaignProgram, ListsAndRefuses) {
     const Finished list = run_program("orbix_campaign", {"--list"});
     EXPECT_EQ(list.status, 0);
