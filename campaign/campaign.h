@@ -55,11 +55,13 @@ struct Record {
     std::vector<Violation> excepted;  ///< found, and covered by the list of exceptions
 };
 
-/// Draws, runs and checks. The working folder must be one for the campaign alone.
+/// What is asked of a run besides its seed.
 struct Wishes {
     bool traced = false;                                           ///< keep the line's bytes
     std::optional<std::vector<sim::Fault>> faults = std::nullopt;  ///< instead of the drawn ones
 };
+
+/// Draws, runs and checks. The working folder must be one for the campaign alone.
 Record run_seed(const Scenario& scenario, std::uint64_t seed, const Wishes& wishes = {});
 
 /// The word for a kind of fault, as `parse_faults` reads it.

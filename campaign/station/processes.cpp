@@ -7,12 +7,14 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
 #include <sstream>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -28,6 +30,15 @@ bool holds_image(const Rig& rig) {
     return std::all_of(rig.held.begin(), rig.held.end(), [](const Held& held) {
         return held.flash->holds(held.address, held.content);
     });
+}
+
+/// As fork; but a number below 0, which kill would take for all processes, is never returned.
+pid_t start_child() {
+    const pid_t child = fork();
+    if (child < 0) {
+        throw std::system_error(errno, std::generic_category(), "no process");
+    }
+    return child;
 }
 
 /// In a forked child: it ends with its parent, and hears the signals that its parent holds back.
@@ -71,7 +82,7 @@ ServedModule::ServedModule(Rig rig, const sim::PtySettings& settings) {
     if (pipe2(ends.data(), O_CLOEXEC) != 0) {
         std::abort();
     }
-    process_ = fork();
+    process_ = start_child();
     if (process_ == 0) {
         settle_child(SIGTERM);
         dup2(ends[1], STDOUT_FILENO);
@@ -122,7 +133,7 @@ StationProcess::StationProcess(const std::string& program,
     std::vector<char*> argv(words.size() + 1, nullptr);
     std::transform(words.begin(), words.end(), argv.begin(),
                    [](std::string& word) { return word.data(); });
-    process_ = fork();
+    process_ = start_child();
     if (process_ == 0) {
         settle_child(SIGKILL);
         redirect(STDIN_FILENO, "/dev/null");

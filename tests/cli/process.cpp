@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <span>
 
 namespace orbix::test {
@@ -52,6 +53,9 @@ Background::Background(const std::string& program, const std::vector<std::string
     const auto out = make_pipe();
     const auto err = make_pipe();
     pid_ = fork();
+    if (pid_ < 0) {
+        std::abort();
+    }
     if (pid_ == 0) {
         dup2(out[1], STDOUT_FILENO);
         dup2(err[1], STDERR_FILENO);
@@ -90,11 +94,16 @@ std::string Background::read_line() {
 }
 
 void Background::send_signal(int number) const {
-    kill(pid_, number);
+    if (pid_ > 0) {  // kill takes anything else for many processes
+        kill(pid_, number);
+    }
 }
 
 Finished Background::finish() {
     Finished finished;
+    if (pid_ <= 0) {
+        return finished;  // it was waited for already
+    }
     finished.output = pending_;
     bool output_open = true;
     bool errors_open = true;
