@@ -1,4 +1,5 @@
 // The AG3335 upgrade, end to end.
+#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -1734,6 +1735,56 @@ TEST_P(Ag3335Package, LayoutThatCannotBeOpened) {
 TEST_P(Ag3335Package, DanglingLayoutIsNonExistent) {
     upgrade.with_layout = false;
     std::filesystem::create_symlink("nowhere", upgrade.folder.path("flash_download.cfg"));
+/// The first of two names in the order in which the system lists a folder.
+std::string listed_first(const std::string& folder, const std::string& one,
+                         const std::string& other) {
+    DIR* const listing = opendir(folder.c_str());
+    std::string found;
+    for (const dirent* entry = readdir(listing); entry != nullptr && found.empty();
+         entry = readdir(listing)) {
+        if (entry->d_name == one || entry->d_name == other) {
+            found = entry->d_name;
+        }
+    }
+    closedir(listing);
+    return found;
+}
+
+TEST(Ag3335Layout, FirstOfTheFolderIsTaken) {
+    const std::string plain = "flash_download.cfg";
+    // Which of two names comes first is up to the file system, by their letters or their age.
+    for (const std::string end : {".bak", ".old", "~", "2"}) {
+        for (const bool plain_is_older : {true, false}) {
+            Upgrade upgrade(new_agent_size);
+            upgrade.images.push_back({"other.bin", flash_base + 0x8000, random_image(100)});
+            upgrade.with_layout = false;
+            const std::string other = plain + end;
+            for (const bool is_plain : {plain_is_older, !plain_is_older}) {
+                upgrade.folder.write(is_plain ? plain : other,
+                                     layout_of({upgrade.images[is_plain ? 0 : 1]}));
+            }
+            const ToolRun run = upgrade.run();
+            const std::string first = listed_first(upgrade.folder.path(), plain, other);
+            EXPECT_EQ(run.count(" send fw file according to "), 1U);
+            EXPECT_EQ(run.count(" send fw file according to " + upgrade.directory() + first + "\n"),
+                      1U)
+                << first;
+            EXPECT_EQ(run.count(first == plain ? "will send app.bin" : "will send other.bin"), 1U);
+        }
+    }
+}
+
+TEST_P(Ag3335Package, LayoutIsLookedForInTheFolderAlone) {
+    upgrade.with_layout = false;
+    std::filesystem::create_directory(upgrade.folder.path("sub"));
+    upgrade.folder.write("sub/my.cfg", layout_of(upgrade.images));
+    const ToolRun run = upgrade.run({"-g", "sub/my.cfg"});
+    EXPECT_EQ(errors(run), Lines{upgrade.directory() + "sub/my.cfg non-existent"});
+    EXPECT_EQ(run.count("send fw file according to"), 0U);
+    EXPECT_EQ(run.result(), upgrade_success);
+    EXPECT_EQ(blocks_written(), 0U);
+}
+
     const ToolRun run = upgrade.run();
     const std::string path = upgrade.directory() + "flash_download.cfg";
     EXPECT_EQ(run.count(" send fw file according to " + path + "\n"), 1U);
@@ -1860,6 +1911,22 @@ TEST_P(Ag3335Package, AddressOutsideTheFlashIsRefusedByTheAgent) {
     const ToolRun run = upgrade.run();
     EXPECT_EQ(run.result(), upgrade_failure(-1));
     EXPECT_FALSE(run.hit_time_limit);
+/// 2047 characters are the most of a line; what stands behind them counts as the next one.
+TEST_P(Ag3335Package, LongLayoutLineGoesOnAsAnother) {
+    upgrade.with_layout = false;
+    const std::string begin = "begin_address: 0x08001000 ";
+    const std::string end = "file: a.bin";
+    std::string line = begin + std::string(2047 - begin.size() - end.size(), 'x') + end;
+    ASSERT_EQ(line.size(), 2047U);
+    line += "begin_address: 0x08005000\n";
+    upgrade.folder.write("flash_download.cfg", "rom:\nfile: b.bin\n" + line);
+    const ToolRun run = upgrade.run();
+    EXPECT_EQ(run.result(), upgrade_success);
+    EXPECT_EQ(sent_images(run), Lines{"a.bin"});
+    const auto held = upgrade.module.flash().read(flash_base + 0x5000, 100);
+    EXPECT_TRUE(std::equal(held.begin(), held.end(), upgrade.images[0].content.begin()));
+}
+
 }
 
 // --- the soft reset ------------------------------------------------------------------------------
