@@ -539,14 +539,17 @@ TEST_P(Ag3352UpgradeSteps, SlaveStateOtherThanZero) {
 }
 
 TEST_P(Ag3352UpgradeSteps, ResponseOfAnotherLength) {
-    Upgrade upgrade;
-    upgrade.answer(GetParam().command, [](Bytes& response) {
-        response = make_upgrade_frame(2, response[2], hex("02 00 00 00 00"));
-    });
-    const bool is_version = GetParam().command == version_command;
-    const Lines tail{"[ERROR] slave msg length: 5\r",
-                     GetParam().refused + (is_version ? "5" : "0001"), GetParam().failed};
-    EXPECT_EQ(step_lines(upgrade.run()), joined(upgrade.lines_up_to(GetParam().command), tail));
+    for (const std::size_t length : {5U, 55U, 56U, 300U}) {
+        Upgrade upgrade;
+        upgrade.answer(GetParam().command, [length](Bytes& response) {
+            response = make_upgrade_frame(2, response[2], Bytes(length, 0x00));
+        });
+        const bool is_version = GetParam().command == version_command;
+        const Lines tail{"[ERROR] slave msg length: " + std::to_string(length) + "\r",
+                         GetParam().refused + (is_version ? "5" : "0001"), GetParam().failed};
+        EXPECT_EQ(step_lines(upgrade.run(unplugged_after_ms(60'000))),
+                  joined(upgrade.lines_up_to(GetParam().command), tail));
+    }
 }
 
 TEST_P(Ag3352UpgradeSteps, WrongTailFailsWithoutALineOfTheStep) {
