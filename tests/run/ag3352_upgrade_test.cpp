@@ -746,9 +746,26 @@ TEST(Ag3352Upgrade, FirmwareThatShrinksDuringTheTransfer) {
     });
     ::testing::internal::CaptureStderr();
     const ToolRun run = upgrade.run();
-    EXPECT_NE(::testing::internal::GetCapturedStderr().find("could not be read to its end"),
-              std::string::npos);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "hint: the image could not be read to its end\n");
     EXPECT_EQ(step_lines(run).back(), "[ERROR] Send Firmware failed!");
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+}
+
+TEST(Ag3352Upgrade, FirmwareThatGrowsDuringTheTransfer) {
+    Upgrade upgrade;
+    upgrade.image = random_image(9000);
+    // A module that takes whatever comes: nothing else stops the run.
+    upgrade.answer(firmware_command, [&upgrade](Bytes& response) {
+        std::filesystem::resize_file(upgrade.folder.path("app.bin"), 20'000);
+        response = make_upgrade_frame(2, firmware_command, hex("02 04 00 00"));
+    });
+    ::testing::internal::CaptureStderr();
+    const ToolRun run = upgrade.run();
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "hint: the image could not be read to its end\n");
+    EXPECT_EQ(step_lines(run), joined(upgrade.lines_up_to(0), {"[ERROR] Send Firmware failed!"}));
+    EXPECT_FALSE(contains(run.sent, command_frame(reboot_command, {2, 0})));
     EXPECT_EQ(run.result(), upgrade_failure(-1));
 }
 
