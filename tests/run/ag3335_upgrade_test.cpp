@@ -660,6 +660,19 @@ TEST(Ag3335Options, ComeInAnyOrder) {
     EXPECT_NE(run.output.find("[DEBUG] recv to module -- < 5F ,ret:1\n"), std::string::npos);
 }
 
+TEST(Ag3335Options, LetterThatIsNoOptionIsPassedOver) {
+    Upgrade upgrade(new_agent_size);
+    upgrade.dirty_flash();
+    upgrade.write_package();
+    Lines arguments = upgrade.arguments();
+    arguments.insert(arguments.begin() + 2, {"-r", "x"});
+    ::testing::internal::CaptureStderr();
+    const ToolRun run(upgrade.module, arguments);
+    EXPECT_NE(::testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(run.result(), upgrade_success);
+    EXPECT_TRUE(upgrade.flash_is(upgrade.expected_flash(0x3E0000)));
+}
+
 TEST(Ag3335Options, DirectoryPortAndRateAreNeeded) {
     Upgrade upgrade(new_agent_size);
     upgrade.write_package();
@@ -1722,19 +1735,6 @@ TEST_P(Ag3335Package, LayoutOfAnotherName) {
         << "the beginning of the name is enough";
 }
 
-TEST_P(Ag3335Package, LayoutThatCannotBeOpened) {
-    upgrade.with_layout = false;
-    std::filesystem::create_directory(upgrade.folder.path("flash_download.cfg"));
-    const ToolRun run = upgrade.run();
-    EXPECT_EQ(errors(run), Lines{"auto_find_upgrade_file fail to fopen(" + upgrade.directory() +
-                                 "flash_download.cfg), errno: 21 (Is a directory)"});
-    EXPECT_EQ(run.result(), upgrade_success);
-    EXPECT_EQ(blocks_written(), 0U);
-}
-
-TEST_P(Ag3335Package, DanglingLayoutIsNonExistent) {
-    upgrade.with_layout = false;
-    std::filesystem::create_symlink("nowhere", upgrade.folder.path("flash_download.cfg"));
 /// The first of two names in the order in which the system lists a folder.
 std::string listed_first(const std::string& folder, const std::string& one,
                          const std::string& other) {
@@ -1785,6 +1785,19 @@ TEST_P(Ag3335Package, LayoutIsLookedForInTheFolderAlone) {
     EXPECT_EQ(blocks_written(), 0U);
 }
 
+TEST_P(Ag3335Package, LayoutThatCannotBeOpened) {
+    upgrade.with_layout = false;
+    std::filesystem::create_directory(upgrade.folder.path("flash_download.cfg"));
+    const ToolRun run = upgrade.run();
+    EXPECT_EQ(errors(run), Lines{"auto_find_upgrade_file fail to fopen(" + upgrade.directory() +
+                                 "flash_download.cfg), errno: 21 (Is a directory)"});
+    EXPECT_EQ(run.result(), upgrade_success);
+    EXPECT_EQ(blocks_written(), 0U);
+}
+
+TEST_P(Ag3335Package, DanglingLayoutIsNonExistent) {
+    upgrade.with_layout = false;
+    std::filesystem::create_symlink("nowhere", upgrade.folder.path("flash_download.cfg"));
     const ToolRun run = upgrade.run();
     const std::string path = upgrade.directory() + "flash_download.cfg";
     EXPECT_EQ(run.count(" send fw file according to " + path + "\n"), 1U);
@@ -1898,19 +1911,6 @@ TEST_P(Ag3335Package, LayoutValuesBeginAtAFixedDistanceBehindTheirKeys) {
     EXPECT_TRUE(std::equal(held.begin(), held.end(), upgrade.images[0].content.begin()));
 }
 
-TEST_P(Ag3335Package, EntryWithoutAFileFails) {
-    upgrade.with_layout = false;
-    upgrade.folder.write("flash_download.cfg", std::string("rom:\nfile:\nbegin_address: 0x0\n"));
-    const ToolRun run = upgrade.run();
-    EXPECT_EQ(run.count("will send  to module\n"), 1U);
-    EXPECT_EQ(run.result(), upgrade_failure(-1));
-}
-
-TEST_P(Ag3335Package, AddressOutsideTheFlashIsRefusedByTheAgent) {
-    upgrade.images = {{"app.bin", flash_base + Ag3335Module::flash_size, random_image(4097)}};
-    const ToolRun run = upgrade.run();
-    EXPECT_EQ(run.result(), upgrade_failure(-1));
-    EXPECT_FALSE(run.hit_time_limit);
 /// 2047 characters are the most of a line; what stands behind them counts as the next one.
 TEST_P(Ag3335Package, LongLayoutLineGoesOnAsAnother) {
     upgrade.with_layout = false;
@@ -1927,6 +1927,19 @@ TEST_P(Ag3335Package, LongLayoutLineGoesOnAsAnother) {
     EXPECT_TRUE(std::equal(held.begin(), held.end(), upgrade.images[0].content.begin()));
 }
 
+TEST_P(Ag3335Package, EntryWithoutAFileFails) {
+    upgrade.with_layout = false;
+    upgrade.folder.write("flash_download.cfg", std::string("rom:\nfile:\nbegin_address: 0x0\n"));
+    const ToolRun run = upgrade.run();
+    EXPECT_EQ(run.count("will send  to module\n"), 1U);
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+}
+
+TEST_P(Ag3335Package, AddressOutsideTheFlashIsRefusedByTheAgent) {
+    upgrade.images = {{"app.bin", flash_base + Ag3335Module::flash_size, random_image(4097)}};
+    const ToolRun run = upgrade.run();
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+    EXPECT_FALSE(run.hit_time_limit);
 }
 
 // --- the soft reset ------------------------------------------------------------------------------
@@ -1988,6 +2001,55 @@ TEST(Ag3335SoftReset, AsksUntilTheModuleIsGone) {
     EXPECT_EQ(run.closes, 1);
     EXPECT_EQ(Bytes(run.sent.begin(), run.sent.begin() + 13),
               Bytes(reboot_sentence.begin(), reboot_sentence.end()));
+}
+
+TEST(Ag3335SoftReset, AsksAgainAfterATenthOfASecond) {
+    Upgrade upgrade(new_agent_size);
+    upgrade.model = "TR75XBA-SR01";
+    upgrade.write_package();
+    SilentModule silent;
+    const ToolRun run(silent, upgrade.arguments(), unplugged_after_ms(5000));
+    const auto pauses = run.pauses();
+    // A sentence takes 1.13 ms at 115200.
+    EXPECT_EQ(pauses.size(), 49U);
+    for (const sim::Micros pause : pauses) {
+        EXPECT_NEAR(static_cast<double>(pause), 100'000, 200);
+    }
+}
+
+/// Firmware that answers every sentence, but does not restart.
+class CurtModule : public SilentModule {
+  public:
+    explicit CurtModule(std::string answer) : answer_(std::move(answer)) {}
+
+    void receive(std::uint8_t byte, sim::Micros now, sim::Wire& wire) override {
+        SilentModule::receive(byte, now, wire);
+        if (byte == '\n') {
+            wire.send(answer_);
+        }
+    }
+
+  private:
+    std::string answer_;
+};
+
+TEST(Ag3335SoftReset, FiveBytesAreEnough) {
+    for (const std::string answer : {"$PAIR", "$PAIR001,023,0*38\r\n"}) {
+        Upgrade upgrade(new_agent_size);
+        upgrade.model = "TR75XBA-SR01";
+        upgrade.write_package();
+        CurtModule module(answer);
+        const ToolRun run(module, upgrade.arguments(), unplugged_after_ms(60'000));
+        EXPECT_EQ(run.count("[INFO] soft reset success\n"), 1U);
+        // What follows the one sentence is the handshake, as soon as the five bytes are there.
+        std::vector<sim::TracedByte> sent;
+        std::copy_if(run.trace.begin(), run.trace.end(), std::back_inserter(sent),
+                     [](const auto& byte) { return byte.direction == sim::Direction::to_module; });
+        ASSERT_GT(sent.size(), reboot_sentence.size());
+        EXPECT_EQ(sent[reboot_sentence.size()].byte, 0xA0);
+        const auto gap = sent[reboot_sentence.size()].time - sent[reboot_sentence.size() - 1].time;
+        EXPECT_LT(gap, sim::milliseconds(1));
+    }
 }
 
 /// Firmware that answers the first sentence in two pieces and the second one whole.
