@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "core/firmware_file.h"
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 #include "upgrade/kv_upgrade_protocol.h"
@@ -151,7 +152,7 @@ int send_firmware(SerialHandle handle, const FramedTarget& target, const char* p
         log_speed(sent, total, rounded_kbytes(sent), flash_tool_secs());
     }
     if (file.failed() || sent != total) {
-        std::fprintf(stderr, "%s: the file could not be read to its end\n", path);
+        hints::give("the image could not be read to its end\n");
         return firmware_not_opened;
     }
     return 0;

@@ -37,7 +37,7 @@ int erase_application(SerialHandle handle, const FramedTarget& target);
 
 /// Sends the image in frames of `block_size` bytes, numbered from 0, each up to
 /// `firmware_attempts` times, with PROGRESS and SPEED lines. Also returns `firmware_not_opened`,
-/// when the file cannot be opened or cannot be read to its end.
+/// when the file cannot be opened, or has another length at its end than at its start.
 int send_firmware(SerialHandle handle, const FramedTarget& target, const char* path);
 
 int reset_module(SerialHandle handle, const FramedTarget& target);

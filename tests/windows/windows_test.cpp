@@ -227,5 +227,29 @@ TEST(WindowsProgram, PathsWithBlanksAndLettersOfTheAnsiCodePage) {
     EXPECT_TRUE(holds(read_file(dump), 0x9000, small_image));
 }
 
+/// Letters of the ANSI code page whose numbers there are not those of Unicode.
+TEST(WindowsProgram, PackageFolderWithLettersOutsideLatin1) {
+    const TempDir folder;
+    const std::string package = "fw\u20131 \u20ac";
+    std::filesystem::create_directory(folder.path(package));
+    folder.write(package + "/app.bin", small_image);
+    folder.write(package + "/flash_download.cfg",
+                 std::string("rom:\n    file: app.bin\n    begin_address: 0x08013000\n"));
+    folder.write("agent.bin", random_image(43956));
+    const std::string dump = folder.path("flash.dump");
+    SimulatedModule module("TR52G", {"--instant", "--dump", dump});
+    const ComPort port("com12", module.port());
+    const Finished run = run_on_windows(
+        {"-m", "TR52G", "-p", "COM12", "-b", fast, "-d", package, "-s", "agent.bin", "-t", "DL"},
+        folder.path());
+    EXPECT_NE(run.output.find(upgrade_success), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("fw\x96"
+                              "1 \x80/flash_download.cfg\r\n"),
+              std::string::npos)
+        << run.output;
+    module.stop();
+    EXPECT_TRUE(holds(read_file(dump), 0x13000, small_image));
+}
+
 }  // namespace
 }  // namespace orbix::test
