@@ -550,6 +550,13 @@ TEST(Sta8100Normal, AnswerWithinASentenceThatIsTooLongCounts) {
     EXPECT_EQ(answer_to({"$" + filling + filling + "PSTMFWUPGRADEOK\r\n"}), fall_back_line);
 }
 
+TEST(Sta8100Normal, ZeroByteEndsTheTextOfASentence) {
+    using namespace std::string_literals;
+    EXPECT_EQ(answer_to({"$GPTXT\0PSTMFWUPGRADEOK*5F\r\n"s}), fall_back_line);
+    EXPECT_EQ(answer_to({"$GPTXT\0$PZRNFWUPGRADEERROR*00\r\n"s}), fall_back_line);
+    EXPECT_EQ(answer_to({"$PSTMFWUPGRADEOK\0,more*5F\r\n"s}), "[INFO] $PSTMFWUPGRADEOK");
+}
+
 TEST(Sta8100Normal, EachReadIsLookedAtFromItsOwnDollarSignOn) {
     EXPECT_EQ(answer_to({"$PSTMFWUPGR", "ADEOK*5F\r\n"}), fall_back_line);
     EXPECT_EQ(answer_to({"$GPRMC,12", "$PSTMFWUPGRADEOK*5F\r\n"}),
