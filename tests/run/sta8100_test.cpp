@@ -941,6 +941,14 @@ TEST(Sta8100AppBoot, ImageThatShrinksDuringTheRunIsAFailure) {
     EXPECT_EQ(run.result(), upgrade_failure(-1));
 }
 
+TEST(Sta8100AppBoot, NumberOfABlockHasSixteenBits) {
+    EXPECT_EQ(as_hex(sta8100::address_of_block(0)), "08 00 00 00 08");
+    EXPECT_EQ(as_hex(sta8100::address_of_block(0x1234)), "08 12 34 00 2E");
+    EXPECT_EQ(as_hex(sta8100::address_of_block(0xFFFF)), "08 FF FF 00 08");
+    EXPECT_EQ(as_hex(sta8100::address_of_block(0x10000)), "08 00 00 00 08");
+    EXPECT_EQ(as_hex(sta8100::address_of_block(0x10001)), "08 00 01 00 09");
+}
+
 TEST(Sta8100AppBoot, XorChecksum) {
     EXPECT_EQ(sta8100::calculate_xor_checksum({}), 0);
     EXPECT_EQ(sta8100::calculate_xor_checksum(hex("08 00 12 00")), 0x1A);
