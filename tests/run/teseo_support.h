@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <functional>
 #include <string>
 #include <utility>
@@ -19,13 +18,6 @@ using Lines = std::vector<std::string>;
 inline Lines joined(Lines first, const Lines& second) {
     first.insert(first.end(), second.begin(), second.end());
     return first;
-}
-
-/// The time stamp of the first line that contains `text`, in ms.
-inline long time_of(const ToolRun& run, const std::string& text) {
-    const std::size_t line = run.output.rfind("\n[", run.output.find(text)) + 2;
-    return std::strtol(&run.output[line], nullptr, 10) * 1000 +
-           std::strtol(&run.output[run.output.find('.', line) + 1], nullptr, 10);
 }
 
 using Tamper = std::function<void(sim::TeseoStep step, Bytes& answer)>;
