@@ -747,9 +747,26 @@ TEST(Ag3352Upgrade, FirmwareThatShrinksDuringTheTransfer) {
     ::testing::internal::CaptureStderr();
     const ToolRun run = upgrade.run();
     EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-              "hint: the image could not be read to its end\n");
+              "hint: the image has changed its length during the run\n");
     EXPECT_EQ(step_lines(run).back(), "[ERROR] Send Firmware failed!");
     EXPECT_EQ(run.result(), upgrade_failure(-1));
+}
+
+TEST(Ag3352Upgrade, FirmwareOfAnotherLengthThanWasAnnounced) {
+    for (const std::uintmax_t length : {0U, 8999U, 9001U}) {
+        Upgrade upgrade;
+        upgrade.image = random_image(9000);
+        upgrade.answer(erase_command, [&upgrade, length](Bytes& /*response*/) {
+            std::filesystem::resize_file(upgrade.folder.path("app.bin"), length);
+        });
+        ::testing::internal::CaptureStderr();
+        const ToolRun run = upgrade.run();
+        EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+                  "hint: the image has changed its length during the run\n");
+        EXPECT_EQ(step_lines(run).back(), "[ERROR] Send Firmware failed!");
+        EXPECT_EQ(run.count("[SPEED]"), 0U) << "no frame of another image is sent";
+        EXPECT_EQ(run.result(), upgrade_failure(-1));
+    }
 }
 
 TEST(Ag3352Upgrade, FirmwareThatGrowsDuringTheTransfer) {
@@ -763,7 +780,7 @@ TEST(Ag3352Upgrade, FirmwareThatGrowsDuringTheTransfer) {
     ::testing::internal::CaptureStderr();
     const ToolRun run = upgrade.run();
     EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-              "hint: the image could not be read to its end\n");
+              "hint: the image has changed its length during the run\n");
     EXPECT_EQ(step_lines(run), joined(upgrade.lines_up_to(0), {"[ERROR] Send Firmware failed!"}));
     EXPECT_FALSE(contains(run.sent, command_frame(reboot_command, {2, 0})));
     EXPECT_EQ(run.result(), upgrade_failure(-1));

@@ -110,7 +110,8 @@ TEST(Ag3352Steps, FirmwareInformation) {
     const TempDir folder;
     const auto with_path = [](const std::string& path) {
         return [path](SerialHandle handle) {
-            return Ag3352_Upgrade_SendFirmwareInfo(handle, path.c_str());
+            int announced = 0;
+            return Ag3352_Upgrade_SendFirmwareInfo(handle, path.c_str(), announced);
         };
     };
     expect_codes(with_path(folder.write("app.bin", random_image(100))), acknowledgements);
@@ -124,7 +125,7 @@ TEST(Ag3352Steps, Firmware) {
     const TempDir folder;
     const auto with_path = [](const std::string& path) {
         return [path](SerialHandle handle) {
-            return Ag3352_Upgrade_SendFirmware(handle, path.c_str());
+            return Ag3352_Upgrade_SendFirmware(handle, path.c_str(), 100);
         };
     };
     const Step step = with_path(folder.write("app.bin", random_image(100)));
