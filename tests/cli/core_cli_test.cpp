@@ -46,6 +46,13 @@ TEST(Program, OptionDiagnosticsGoToStandardError) {
     EXPECT_EQ(run.output.find("'Z'"), std::string::npos);
 }
 
+TEST(Program, SecondDashIsALetterThatIsNotKnown) {
+    const Finished run = run_program("orbix_flash", {"--m", "nosuch"});
+    EXPECT_EQ(run.errors.find("unrecognized"), std::string::npos) << run.errors;
+    EXPECT_NE(run.errors.find("'-'"), std::string::npos) << run.errors;
+    EXPECT_NE(run.output.find("[INFO] name :nosuch\n"), std::string::npos) << run.output;
+}
+
 class ProgramUpgrade : public ::testing::TestWithParam<std::size_t> {};
 
 TEST_P(ProgramUpgrade, OverAPseudoTerminal) {

@@ -102,6 +102,22 @@ TEST(Core, OptionsOfTheFamiliesTakeTheirArguments) {
     EXPECT_EQ(without_port({"-vDx", "-Dm", "nosuch"}).count("[INFO] name :nosuch\n"), 1U);
 }
 
+/// There are no long options: the second '-' is a letter that is not known, and the others count.
+TEST(Core, LettersBehindTwoDashesCount) {
+    const ToolRun run = without_port({"--m", "nosuch", "--Db9600", "--zz", "-p", "COM6"});
+    const Lines lines = run.lines();
+    const Lines expected{"[INFO] name :nosuch", "[INFO] Baud rate:9600", "[INFO] dev :COM6"};
+    EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 5), expected);
+}
+
+TEST(Core, PlainWordsAreSteppedOverAndTwoDashesAloneEndTheOptions) {
+    const ToolRun run = without_port({"word", "-m", "nosuch", "word", "-b", "9600", "--", "-R1"});
+    const Lines lines = run.lines();
+    const Lines expected{"[INFO] name :nosuch", "[INFO] Baud rate:9600"};
+    EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 4), expected);
+    EXPECT_EQ(run.count("[INFO] RTS"), 0U);
+}
+
 TEST(Core, LinePairsAreTakenOutOfTheFamilysArguments) {
     const ToolRun run =
         without_port({"-m", "TR52G", "-R", "0", "-T", "0", "-p", "COM6", "-t", "UPG"});

@@ -186,8 +186,11 @@ INSTANTIATE_TEST_SUITE_P(Runs, Windows, ::testing::ValuesIn(scenarios),
                          [](const auto& parameter) { return parameter.param.name; });
 
 TEST(WindowsProgram, ListAndUsageAreTheSame) {
-    for (const std::vector<std::string>& arguments :
-         std::vector<std::vector<std::string>>{{"-S"}, {"-p", "COM1"}, {"-m", "nosuch"}}) {
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"-S"},
+             {"-p", "COM1"},
+             {"-m", "nosuch"},
+             {"word", "--m", "nosuch", "word", "--zDb9600", "--", "-R1"}}) {
         const auto linux_run = comparable(run_program("orbix_flash", arguments).output, false);
         auto windows_run = comparable(run_on_windows(arguments).output, true);
         ASSERT_EQ(windows_run.size(), linux_run.size());
