@@ -192,7 +192,7 @@ bool make_raw(int descriptor) {
     settings.c_iflag = IGNBRK;
     settings.c_oflag = 0;
     settings.c_lflag = 0;
-    settings.c_cflag &= ~static_cast<tcflag_t>(CSIZE | CSTOPB | PARENB | PARODD | CRTSCTS);
+    settings.c_cflag &= ~static_cast<tcflag_t>(CSIZE | CSTOPB | PARENB | PARODD | CMSPAR | CRTSCTS);
     settings.c_cflag |= CS8 | CREAD | CLOCAL;
     settings.c_cc[VMIN] = 1;
     settings.c_cc[VTIME] = 0;
@@ -344,7 +344,7 @@ bool set_rate_and_parity(int descriptor, const LineSettings& wanted) {
     if (ioctl(descriptor, TCGETS2, &settings) != 0) {
         return false;
     }
-    settings.c_cflag &= ~static_cast<tcflag_t>(PARENB | PARODD);
+    settings.c_cflag &= ~static_cast<tcflag_t>(PARENB | PARODD | CMSPAR);
     if (wanted.parity == Parity::even) {
         settings.c_cflag |= PARENB;
     }
