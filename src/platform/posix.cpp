@@ -22,22 +22,14 @@
 #include <ctime>
 #include <string>
 
+#include "platform/line_time.h"
 #include "platform/platform.h"
 
 namespace orbix::platform {
 
 namespace {
 
-constexpr std::uint64_t microsecond = 1000;
-constexpr std::uint64_t millisecond = 1000 * microsecond;
-constexpr std::uint64_t second = 1000 * millisecond;
 constexpr std::uint64_t never = UINT64_MAX;
-
-/// Start bit, eight data bits, stop bit; a parity bit comes on top.
-constexpr std::uint64_t bits_per_byte = 10;
-
-/// How long the bytes of a write may take on the line for the wait to be left to what follows.
-constexpr std::uint64_t short_write = 2 * millisecond;
 
 /// A descriptor that is open as a port, the time at which the line has carried the last byte
 /// written to it, and whether that is still to be waited for.
@@ -95,13 +87,12 @@ bool wait_for(int descriptor, short event, std::uint64_t deadline) {
     }
 }
 
-std::uint64_t line_time_ns(int descriptor, std::size_t bytes) {
+std::uint64_t line_time_at(int descriptor, std::size_t bytes) {
     termios2 settings{};
-    if (ioctl(descriptor, TCGETS2, &settings) != 0 || settings.c_ospeed == 0) {
+    if (ioctl(descriptor, TCGETS2, &settings) != 0) {
         return 0;
     }
-    const std::uint64_t bits = bits_per_byte + ((settings.c_cflag & PARENB) != 0 ? 1 : 0);
-    return bytes * bits * second / settings.c_ospeed;
+    return line_time_ns(bytes, settings.c_ospeed, (settings.c_cflag & PARENB) != 0);
 }
 
 /// Waits until the line has carried what was written: for the time that the bytes take, because a
@@ -116,7 +107,7 @@ void wait_until_sent(OpenPort& open) {
     sleep_until_ns(open.line_free_ns);
     int queued = 0;
     while (ioctl(open.descriptor, TIOCOUTQ, &queued) == 0 && queued > 0) {
-        const std::uint64_t left = line_time_ns(open.descriptor, static_cast<std::size_t>(queued));
+        const std::uint64_t left = line_time_at(open.descriptor, static_cast<std::size_t>(queued));
         sleep_until_ns(now_ns() + std::clamp(left, 50 * microsecond, 100 * millisecond));
     }
 }
@@ -192,7 +183,7 @@ bool make_raw(int descriptor) {
     settings.c_iflag = IGNBRK;
     settings.c_oflag = 0;
     settings.c_lflag = 0;
-    settings.c_cflag &= ~static_cast<tcflag_t>(CSIZE | CSTOPB | PARENB | PARODD | CRTSCTS);
+    settings.c_cflag &= ~static_cast<tcflag_t>(CSIZE | CSTOPB | PARENB | PARODD | CMSPAR | CRTSCTS);
     settings.c_cflag |= CS8 | CREAD | CLOCAL;
     settings.c_cc[VMIN] = 1;
     settings.c_cc[VTIME] = 0;
@@ -284,7 +275,7 @@ int read_port(Port port, std::span<std::uint8_t> buffer, unsigned interval_ms, u
 /// a few bytes it is left to whatever is done next: a read, which is what follows a short command,
 /// then waits once, for the answer, instead of being woken before by a timer that is late.
 void begin_sending(OpenPort& open, std::size_t bytes, std::uint64_t started) {
-    const std::uint64_t line_time = line_time_ns(open.descriptor, bytes);
+    const std::uint64_t line_time = line_time_at(open.descriptor, bytes);
     open.line_free_ns = std::max(open.line_free_ns, started) + line_time;
     open.sending = true;
     if (line_time > short_write) {
@@ -344,7 +335,7 @@ bool set_rate_and_parity(int descriptor, const LineSettings& wanted) {
     if (ioctl(descriptor, TCGETS2, &settings) != 0) {
         return false;
     }
-    settings.c_cflag &= ~static_cast<tcflag_t>(PARENB | PARODD);
+    settings.c_cflag &= ~static_cast<tcflag_t>(PARENB | PARODD | CMSPAR);
     if (wanted.parity == Parity::even) {
         settings.c_cflag |= PARENB;
     }

@@ -289,14 +289,18 @@ TEST_F(Hd8xx0Entry, CommandOnceAskedForIsSentWhateverTheLastModeWordIs) {
     EXPECT_EQ(run.result(), upgrade_success);
 }
 
-TEST_F(Hd8xx0Entry, LongArgumentsAreTakenWhole) {
+TEST_F(Hd8xx0Entry, LongPathsAreCutTo255Characters) {
     Hd8xx0Module module;
     const std::string name(5000, 'x');
+    const std::string cut(255, 'x');
     const ToolRun run(
         module, {"-m", "MX210A00", "-p", name, "-b", "115200", "-f", name, "-t", name, "-s", name});
     EXPECT_EQ(run.result(), upgrade_failure(259));
-    EXPECT_EQ(run.count("[ERROR] Fail to access " + name + ", errno: 36 (File name too long)\n"),
-              1U);
+    EXPECT_EQ(run.count("[INFO] Firmware: " + cut + "\n"), 1U);
+    EXPECT_EQ(run.count("[INFO] Slave device firmware: " + cut + "\n"), 1U);
+    EXPECT_EQ(
+        run.count("[ERROR] Fail to access " + cut + ", errno: 2 (No such file or directory)\n"),
+        1U);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -70,8 +70,8 @@ TEST(WindowsStation, TwoModulesSideBySideOneOfThemFaulty) {
     const Bytes image = random_image(30'000);
     folder.write("app.bin", image);
     const std::string dump = folder.path("flash.dump");
-    SimulatedModule good("TR52G", {"--rate", fast, "--instant", "--dump", dump});
-    const SimulatedModule faulty("TR52G", {"--rate", fast, "--instant", "--faults", silent_soon});
+    SimulatedModule good("TR52G", {"--rate", fast, "--dump", dump});
+    const SimulatedModule faulty("TR52G", {"--rate", fast, "--faults", silent_soon});
     const ComPort first("com12", good.port());
     const ComPort second("com13", faulty.port());
     const int http = free_port();
@@ -138,7 +138,7 @@ TEST(WindowsStation, AnAbsentPortIsToldAsThat) {
 TEST(WindowsStation, CtrlCOnceLetsTheRunFinishTwiceEndsIt) {
     const TempDir folder;
     folder.write("app.bin", random_image(30'000));
-    const SimulatedModule module("TR52G", {"--rate", fast, "--instant", "--faults", silent_soon});
+    const SimulatedModule module("TR52G", {"--rate", fast, "--faults", silent_soon});
     const ComPort port("com12", module.port());
     Background station(find_wine(),
                        on_wine("orbix_station", {"--plain", "COM12", "--", "-m", "TR52G", "-b",
@@ -162,7 +162,7 @@ TEST(WindowsStation, CtrlCOnceLetsTheRunFinishTwiceEndsIt) {
 TEST(WindowsStation, WhenItIsKilledItsRunsEnd) {
     const TempDir folder;
     folder.write("app.bin", random_image(30'000));
-    const SimulatedModule module("TR52G", {"--rate", fast, "--instant", "--faults", silent_soon});
+    const SimulatedModule module("TR52G", {"--rate", fast, "--faults", silent_soon});
     const ComPort port("com12", module.port());
     {
         Background station(find_wine(),
