@@ -1,34 +1,25 @@
 #include "awake.h"
 
-#include <pthread.h>
-#include <sched.h>
+#include <fcntl.h>
+#include <unistd.h>
 
-#include <csignal>
+#include <cstdint>
 
 namespace orbix::bench {
 
-namespace {
-
-void stay_awake(const std::stop_token& stop, unsigned processor) {
-    // A signal that another thread waits for would be lost here.
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, nullptr);
-    const sched_param no_priority{};
-    pthread_setschedparam(pthread_self(), SCHED_IDLE, &no_priority);
-    cpu_set_t processors;
-    CPU_ZERO(&processors);
-    CPU_SET(processor, &processors);
-    pthread_setaffinity_np(pthread_self(), sizeof processors, &processors);
-    while (!stop.stop_requested()) {
+AwakeProcessors::AwakeProcessors()
+    : descriptor_(open("/dev/cpu_dma_latency", O_WRONLY | O_CLOEXEC)) {
+    const std::int32_t most_microseconds = 0;
+    if (descriptor_ >= 0 && write(descriptor_, &most_microseconds, sizeof most_microseconds) !=
+                                sizeof most_microseconds) {
+        close(descriptor_);
+        descriptor_ = -1;
     }
 }
 
-}  // namespace
-
-AwakeProcessors::AwakeProcessors() {
-    for (unsigned processor = 0; processor < std::thread::hardware_concurrency(); ++processor) {
-        threads_.emplace_back(stay_awake, processor);
+AwakeProcessors::~AwakeProcessors() {
+    if (descriptor_ >= 0) {
+        close(descriptor_);
     }
 }
 

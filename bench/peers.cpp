@@ -129,13 +129,29 @@ Measured stm32flash_download(const Peer& peer, const std::string& port, unsigned
     return run_side_by_side({command}, folder).front();
 }
 
+/// The tool has every page erased by a command of its own: two bytes, the page's number in three,
+/// and an acknowledgement for each. The peer names all pages in one command, with two bytes for
+/// each and seven around them. In return it asks the loader for its version, its commands and the
+/// controller.
+std::size_t more_bytes_than_stm32flash(std::size_t size) {
+    constexpr std::size_t page_size = 2048;
+    constexpr std::size_t bytes_of_its_questions = 26;
+    const std::size_t pages = (size + page_size - 1) / page_size;
+    return 7 * pages - (7 + 2 * pages) - bytes_of_its_questions;
+}
+
+std::size_t none(std::size_t /*size*/) {
+    return 0;
+}
+
 const std::vector<Peer> known_peers{
-    {"lrzsz sx -k", "/usr/bin/sx", "RX7040 download", {460800}, true, sx_download},
+    {"lrzsz sx -k", "/usr/bin/sx", "RX7040 download", {460800}, true, none, sx_download},
     {"stm32flash, blocks of 240",
      "/usr/bin/stm32flash",
      "ZPX710P download",
      {115200, 921600},
      true,
+     more_bytes_than_stm32flash,
      [](const Peer& peer, const std::string& port, unsigned rate, const Arguments& arguments,
         const std::string& folder) {
          return stm32flash_download(peer, port, rate, arguments, folder, "256:242");
@@ -145,6 +161,7 @@ const std::vector<Peer> known_peers{
      "ZPX710P download",
      {921600},
      false,
+     more_bytes_than_stm32flash,
      [](const Peer& peer, const std::string& port, unsigned rate, const Arguments& arguments,
         const std::string& folder) {
          return stm32flash_download(peer, port, rate, arguments, folder, "");

@@ -1,7 +1,9 @@
 // Other programs that hold the same dialogue, for comparison.
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <vector>
 
 #include "measured.h"
 #include "transfers.h"
@@ -16,6 +18,10 @@ struct Peer {
 
     /// Whether its blocks are as large as the tool's, so that the tool must not be slower.
     bool same_blocks;
+
+    /// How many bytes the tool's dialogue has on the line that the peer's has not, in both
+    /// directions, for an image of `size` bytes.
+    std::size_t (*more_bytes)(std::size_t size);
 
     /// Does the transfer over `port`, with the files and the arguments that were prepared for the
     /// tool. Returns what it took; a status other than 0 when it failed.

@@ -29,6 +29,7 @@ def machine(context):
         "cores": context["num_cpus"],
         "system": re.search(r'PRETTY_NAME="(.*)"', release)[1],
         "kernel": re.match(r"\d+\.\d+", os.uname().release)[0],
+        "cpus_awake": context.get("processors") == "kept awake",
         "load_before": context["load_avg"][0] if context["load_avg"] else None,
     }
 
@@ -44,7 +45,8 @@ def gather(report):
             transfer, peer = run["label"].split(" / ")
             peers.append({"transfer": transfer, "peer": peer, "baud": int(run["baud"]),
                           "bytes": int(run["bytes"]), "tool_s": round(run["seconds"], 3),
-                          "peer_s": round(run["peer_s"], 3), "ratio": round(run["ratio"], 4)})
+                          "peer_s": round(run["peer_s"], 3), "ratio": round(run["ratio"], 4),
+                          "same_bytes_ratio": round(run["same_bytes_ratio"], 4)})
         else:
             entry = transfers.setdefault((run["label"], int(run["baud"])), {
                 "transfer": run["label"], "baud": int(run["baud"]), "bytes": int(run["bytes"]),
@@ -82,15 +84,17 @@ def tables(results):
                      f"{alone['seconds']:.2f}", percent(alone["over_bound"]),
                      f"{alone['processor_s']:.3f}", percent(alone["core_share"]),
                      f"{alone['peak_MiB']:.1f}", *map(percent, beside)))
-    peer_rows = [("Transfer", "baud", "bytes", "orbix_flash s", "peer", "peer s", "ratio")]
+    peer_rows = [("Transfer", "baud", "bytes", "orbix_flash s", "peer", "peer s", "ratio",
+                  "for the same bytes")]
     for entry in results["peers"]:
         peer_rows.append((entry["transfer"], str(entry["baud"]), str(entry["bytes"]),
                           f"{entry['tool_s']:.3f}", entry["peer"], f"{entry['peer_s']:.3f}",
-                          f"{entry['ratio']:.4f}"))
+                          f"{entry['ratio']:.4f}", f"{entry['same_bytes_ratio']:.4f}"))
+    awake = "were kept from halting" if system["cpus_awake"] else "were free to halt"
     load = "" if system["load_before"] is None else (
         f" The load of the machine was {system['load_before']:.1f} when the bench began.")
     text = (f"Measured on {results['taken']}: {system['processor']}, {system['cores']} cores, "
-            f"{system['system']}, Linux {system['kernel']}.{load} {results.get('note', '')}\n\n"
+            f"{system['system']}, Linux {system['kernel']}. The processors {awake}.{load} {results.get('note', '')}\n\n"
             f"{table(rows)}\n\nBeside other programs:\n\n{table(peer_rows)}\n")
     if results["failed"]:
         text += "\nFailed:\n\n" + "\n".join("- " + line for line in results["failed"]) + "\n"

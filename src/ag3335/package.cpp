@@ -1,13 +1,14 @@
 #include "ag3335/package.h"
 
+#include <dirent.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
+#include <memory>
 #include <string_view>
-#include <system_error>
 
 #include "ag3335/byte_functions.h"
 #include "core/firmware_file.h"
@@ -100,6 +101,39 @@ Layout parse_layout(std::string_view text) {
     return layout;
 }
 
+/// The names in a folder, in the folder's own order, in the letters in which all other files are
+/// opened: std::filesystem takes a path on Windows for another code page than the C library does.
+class Names {
+  public:
+    explicit Names(const std::string& path) : folder_(opendir(path.c_str())) {}
+
+    [[nodiscard]] bool is_open() const { return folder_ != nullptr; }
+
+    bool next(std::string& name) {
+        const dirent* const entry = readdir(folder_.get());
+        if (entry != nullptr) {
+            name = entry->d_name;
+        }
+        return entry != nullptr;
+    }
+
+  private:
+    struct Close {
+        void operator()(DIR* folder) const { closedir(folder); }
+    };
+    std::unique_ptr<DIR, Close> folder_;
+};
+
+/// Looks for the first name that begins with `prefix`; false when there is none.
+bool find_name(Names& names, const std::string& prefix, std::string& name) {
+    while (names.next(name)) {
+        if (ag3335::strStartsWith(name.c_str(), prefix.c_str()) != 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool is_selected(const Package& package, const LayoutEntry& entry) {
     return package.list.empty() ||
            std::ranges::find(package.list, entry.file) != package.list.end();
@@ -122,21 +156,17 @@ int parse_upgrade_list(const char* files, std::vector<std::string>& list) {
 
 int auto_find_upgrade_file(const Package& package, Layout& layout) {
     layout = {};
-    std::error_code failure;
-    std::filesystem::directory_iterator folder(package.directory, failure);
-    if (failure) {
+    Names names(package.directory);
+    if (!names.is_open()) {
         return -1;
     }
-    std::string path = package.directory + package.flash_download_name;
-    for (; !failure && folder != std::filesystem::directory_iterator(); folder.increment(failure)) {
-        const std::string name = folder->path().filename().string();
-        if (ag3335::strStartsWith(name.c_str(), package.flash_download_name.c_str()) != 0) {
-            path = package.directory + name;
-            log_plain(" send fw file according to %s\n", path.c_str());
-            break;
-        }
+    std::string name;
+    const bool found = find_name(names, package.flash_download_name, name);
+    const std::string path = package.directory + (found ? name : package.flash_download_name);
+    if (found) {
+        log_plain(" send fw file according to %s\n", path.c_str());
     }
-    if (!path_exists(path.c_str())) {
+    if (!found || !path_exists(path.c_str())) {
         log_error("%s non-existent\n", path.c_str());
         return -1;
     }

@@ -21,11 +21,10 @@ OptionScan::OptionScan(int argc, char** argv, const char* letters)
 }
 
 int OptionScan::next() {
-    // The long form with no long option: unlike plain getopt it steps over plain words with every
-    // C library.
-    static const option no_long_options[] = {{nullptr, 0, nullptr, 0}};
+    // The long form without a table of long options: letters alone count, as with plain getopt,
+    // but plain words are stepped over with every C library.
     const int argc = static_cast<int>(arguments_.size()) - 1;
-    return getopt_long(argc, arguments_.data(), letters_, no_long_options, nullptr);
+    return getopt_long(argc, arguments_.data(), letters_, nullptr, nullptr);
 }
 
 const char* OptionScan::value() const {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/firmware_file.h"
+#include "core/hints.h"
 #include "core/image_crc.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
@@ -107,6 +108,12 @@ int send_block(SerialHandle handle, const Dialect& dialect, std::span<const std:
     return attempts_exhausted;
 }
 
+/// The module has been told another length and CRC, and nothing that it answers need show it.
+int refuse_changed_image() {
+    hints::give("the image has changed its length during the run\n");
+    return firmware_not_opened;
+}
+
 }  // namespace
 
 void take_option(int letter, const char* value, Options& options) {
@@ -165,7 +172,7 @@ int get_boot_version(SerialHandle handle, const Dialect& dialect, const VersionQ
 }
 
 int send_firmware_info(SerialHandle handle, const Dialect& dialect, const char* path,
-                       ImageWords words) {
+                       ImageWords words, int& announced) {
     if (!path_exists(path)) {
         return firmware_not_accessible;
     }
@@ -181,6 +188,7 @@ int send_firmware_info(SerialHandle handle, const Dialect& dialect, const char* 
         return firmware_not_opened;
     }
     log_info("File Size: %d\n", file.size());
+    announced = file.size();
     Response response;
     return exchange(handle, dialect, {upgrade_class, info_id},
                     {be32(size), be32(crc), be32(words.third), be32(words.fourth)}, response);
@@ -191,13 +199,16 @@ int erase(SerialHandle handle, const Dialect& dialect) {
     return exchange(handle, dialect, {upgrade_class, erase_id}, {}, response);
 }
 
-int send_firmware(SerialHandle handle, const Dialect& dialect, const char* path) {
+int send_firmware(SerialHandle handle, const Dialect& dialect, const char* path, int announced) {
     FirmwareFile file(path);
     if (!file.is_open()) {
         std::perror("fopen");
         return firmware_not_opened;
     }
     const int total = file.size();
+    if (total != announced) {
+        return refuse_changed_image();
+    }
     log_progress(0.0F, LineEnd::crlf);
     flash_tool_secs();  // the transfer's clock starts here
     log_speed_start(total);
@@ -219,11 +230,11 @@ int send_firmware(SerialHandle handle, const Dialect& dialect, const char* path)
         log_progress(100.0F * static_cast<float>(sent) / static_cast<float>(total), LineEnd::crlf);
         log_speed(sent, total, rounded_kbytes(sent), flash_tool_secs());
     }
-    if (file.failed() || sent != total) {
-        std::fprintf(stderr, "%s: the file could not be read to its end\n", path);
+    if (file.failed()) {
+        std::perror("fread");
         return firmware_not_opened;
     }
-    return 0;
+    return sent == total ? 0 : refuse_changed_image();
 }
 
 int reset(SerialHandle handle, const Dialect& dialect) {

@@ -50,7 +50,7 @@ struct ImageWords {
 };
 
 inline constexpr int firmware_not_accessible = 259;
-/// The firmware file cannot be opened or read to its end.
+/// The firmware file cannot be opened or read to its end, or has changed its length.
 inline constexpr int firmware_not_opened = 263;
 /// A response that is whole but not the one expected; also what a reception that failed returns.
 inline constexpr int response_unexpected = 263;
@@ -66,16 +66,17 @@ int synchronise(SerialHandle handle, const Dialect& dialect);
 int get_boot_version(SerialHandle handle, const Dialect& dialect, const VersionQuery& query,
                      std::string& version);
 
-/// Announces size and CRC of the image. Also returns `firmware_not_accessible` or
-/// `firmware_not_opened`.
+/// Announces size and CRC of the image. `announced` becomes the size, in bytes. Also returns
+/// `firmware_not_accessible` or `firmware_not_opened`.
 int send_firmware_info(SerialHandle handle, const Dialect& dialect, const char* path,
-                       ImageWords words);
+                       ImageWords words, int& announced);
 
 int erase(SerialHandle handle, const Dialect& dialect);
 
 /// Sends the image in frames of 5120 bytes, numbered from 0, with PROGRESS and SPEED lines. Also
-/// returns `firmware_not_opened`, or `attempts_exhausted` where a frame is sent more than once.
-int send_firmware(SerialHandle handle, const Dialect& dialect, const char* path);
+/// returns `firmware_not_opened`, with a hint where the file is not, or does not stay, `announced`
+/// bytes long; or `attempts_exhausted` where a frame is sent more than once.
+int send_firmware(SerialHandle handle, const Dialect& dialect, const char* path, int announced);
 
 int reset(SerialHandle handle, const Dialect& dialect);
 

@@ -52,7 +52,8 @@ int GNSS_MODULE_EVB_Upgrade(int argc, char** argv) {
     log_info("Boot Version: %s\n", version.c_str());
 
     log_info("Send Firmware Information...\n");
-    result = Kv_GNSS_MODULE_EVB_SendFirmwareInfo(handle, firmware);
+    int announced = 0;
+    result = Kv_GNSS_MODULE_EVB_SendFirmwareInfo(handle, firmware, announced);
     if (result != 0) {
         log_error("Send fw info failed,err: 0x%X\n", static_cast<unsigned>(result));
         return -1;
@@ -65,7 +66,7 @@ int GNSS_MODULE_EVB_Upgrade(int argc, char** argv) {
     }
 
     log_info("Send Firmware...\n");
-    result = Kv_GNSS_MODULE_EVB_SendFirmwareBin(handle, firmware);
+    result = Kv_GNSS_MODULE_EVB_SendFirmwareBin(handle, firmware, announced);
     serial_close(handle);
     if (result != 0) {
         log_error("Send bin failed,err: 0x%X\n", static_cast<unsigned>(result));
@@ -82,16 +83,16 @@ int Kv_GNSS_MODULE_EVB_GetBootVer(SerialHandle handle, std::string& version) {
     return command_frames::get_boot_version(handle, dialect, version_query, version);
 }
 
-int Kv_GNSS_MODULE_EVB_SendFirmwareInfo(SerialHandle handle, const char* path) {
-    return command_frames::send_firmware_info(handle, dialect, path, image_words);
+int Kv_GNSS_MODULE_EVB_SendFirmwareInfo(SerialHandle handle, const char* path, int& announced) {
+    return command_frames::send_firmware_info(handle, dialect, path, image_words, announced);
 }
 
 int Kv_GNSS_MODULE_EVB_EraseAppFlash(SerialHandle handle) {
     return command_frames::erase(handle, dialect);
 }
 
-int Kv_GNSS_MODULE_EVB_SendFirmwareBin(SerialHandle handle, const char* path) {
-    return command_frames::send_firmware(handle, dialect, path);
+int Kv_GNSS_MODULE_EVB_SendFirmwareBin(SerialHandle handle, const char* path, int announced) {
+    return command_frames::send_firmware(handle, dialect, path, announced);
 }
 
 }  // namespace orbix::evb

@@ -20,13 +20,14 @@ int Kv_GNSS_MODULE_EVB_Sync(SerialHandle handle);
 /// another one.
 int Kv_GNSS_MODULE_EVB_GetBootVer(SerialHandle handle, std::string& version);
 
-/// Announces the image. 259: the file is not there; 263: it cannot be opened, or the answer is
-/// another.
-int Kv_GNSS_MODULE_EVB_SendFirmwareInfo(SerialHandle handle, const char* path);
+/// Announces the image; `announced` becomes its size in bytes. 259: the file is not there; 263: it
+/// cannot be opened, or the answer is another.
+int Kv_GNSS_MODULE_EVB_SendFirmwareInfo(SerialHandle handle, const char* path, int& announced);
 
 int Kv_GNSS_MODULE_EVB_EraseAppFlash(SerialHandle handle);
 
-/// Sends the image in frames of 5120 bytes, each once.
-int Kv_GNSS_MODULE_EVB_SendFirmwareBin(SerialHandle handle, const char* path);
+/// Sends the image in frames of 5120 bytes, each once. 263: an answer is another, or the image is
+/// not, or does not stay, `announced` bytes long.
+int Kv_GNSS_MODULE_EVB_SendFirmwareBin(SerialHandle handle, const char* path, int announced);
 
 }  // namespace orbix::evb

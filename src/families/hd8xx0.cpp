@@ -24,6 +24,9 @@ constexpr int package_not_unpacked = 262;
 
 constexpr int unknown_variant = -1;
 
+/// How much of a path counts.
+constexpr std::size_t longest_path = 255;
+
 struct ModelPrefix {
     char prefix[20];
     int variant;
@@ -99,11 +102,11 @@ bool parse_options(int argc, char** argv, Options& options) {
                 log_info("Port: %s\n", options.device.c_str());
                 break;
             case 'f':
-                options.package = scan.value();
+                options.package = clipped(scan.value(), longest_path);
                 log_info("Firmware: %s\n", options.package.c_str());
                 break;
             case 's':
-                options.slave_package = scan.value();
+                options.slave_package = clipped(scan.value(), longest_path);
                 log_info("Slave device firmware: %s\n", options.slave_package.c_str());
                 break;
             case 'b':

@@ -44,13 +44,16 @@ std::uint16_t Vn_Check_Fletcher(std::span<const std::uint8_t> bytes);
 /// Catches the boot loader within 20 s. 1024: no answer; 1025: wrong second answer.
 int Kv_Upgrade_Sync(SerialHandle handle);
 
-/// Announces the image as an application or a boot image, as the mode's word says. 259: the file
-/// is not there; 263: it cannot be opened, or the answer is another.
-int Kv_Upgrade_SendFirmwareInfo(SerialHandle handle, const char* path, const std::string& mode);
+/// Announces the image as an application or a boot image, as the mode's word says; `announced`
+/// becomes its size in bytes. 259: the file is not there; 263: it cannot be opened, or the answer
+/// is another.
+int Kv_Upgrade_SendFirmwareInfo(SerialHandle handle, const char* path, const std::string& mode,
+                                int& announced);
 
 int Kv_Upgrade_EraseFlash(SerialHandle handle);
 
-/// Sends the image in frames of 5120 bytes, each once.
-int Kv_Upgrade_SendFirmwareBin(SerialHandle handle, const char* path);
+/// Sends the image in frames of 5120 bytes, each once. 263: an answer is another, or the image is
+/// not, or does not stay, `announced` bytes long.
+int Kv_Upgrade_SendFirmwareBin(SerialHandle handle, const char* path, int announced);
 
 }  // namespace orbix::monitor

@@ -135,7 +135,8 @@ int upgrade_module(int argc, char** argv, ResetHeader header) {
     }
 
     log_info("Send %s Firmware Information...\n", mode);
-    result = Kv_Upgrade_SendFirmwareInfo(handle, firmware, options.upgrade_mode);
+    int announced = 0;
+    result = Kv_Upgrade_SendFirmwareInfo(handle, firmware, options.upgrade_mode, announced);
     if (result != 0) {
         log_error("Send fw info failed,err: 0x%X\n", static_cast<unsigned>(result));
         return -1;
@@ -149,7 +150,7 @@ int upgrade_module(int argc, char** argv, ResetHeader header) {
     }
 
     log_info("Send %s Firmware...\n", mode);
-    result = Kv_Upgrade_SendFirmwareBin(handle, firmware);
+    result = Kv_Upgrade_SendFirmwareBin(handle, firmware, announced);
     serial_close(handle);
     if (result != 0) {
         log_error("Send bin failed,err: 0x%X\n", static_cast<unsigned>(result));
@@ -172,17 +173,19 @@ int Kv_Upgrade_Sync(SerialHandle handle) {
     return command_frames::synchronise(handle, dialect);
 }
 
-int Kv_Upgrade_SendFirmwareInfo(SerialHandle handle, const char* path, const std::string& mode) {
+int Kv_Upgrade_SendFirmwareInfo(SerialHandle handle, const char* path, const std::string& mode,
+                                int& announced) {
     const std::uint32_t kind = is_for_application(mode) ? application_image : boot_image;
-    return command_frames::send_firmware_info(handle, dialect, path, {.third = kind, .fourth = 0});
+    return command_frames::send_firmware_info(handle, dialect, path, {.third = kind, .fourth = 0},
+                                              announced);
 }
 
 int Kv_Upgrade_EraseFlash(SerialHandle handle) {
     return command_frames::erase(handle, dialect);
 }
 
-int Kv_Upgrade_SendFirmwareBin(SerialHandle handle, const char* path) {
-    return command_frames::send_firmware(handle, dialect, path);
+int Kv_Upgrade_SendFirmwareBin(SerialHandle handle, const char* path, int announced) {
+    return command_frames::send_firmware(handle, dialect, path, announced);
 }
 
 }  // namespace orbix::monitor

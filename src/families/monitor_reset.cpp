@@ -92,7 +92,7 @@ int Kv_Upgrade_RecvAndParseRspFormat2(SerialHandle handle, ResetHeader header,
                                       std::vector<std::uint8_t>& payload) {
     const std::uint64_t deadline = monotonic_ms() + frame_deadline_ms;
     FrameReader reader(header);
-    while (monotonic_ms() <= deadline) {
+    while (monotonic_ms() < deadline) {
         std::uint8_t byte = 0;
         if (serial_read(handle, {&byte, 1}, byte_timeout_ms) != 0 && reader.push(byte)) {
             log_info("Checksum success\n");

@@ -42,13 +42,15 @@ int upgrade_Sync(SerialHandle handle);
 /// Asks the boot loader's version, "V<major>.<minor>.<patch>".
 int upgrade_GetBootVer(SerialHandle handle, std::string& version);
 
-/// Announces the image. 259: the file is not there; 263: it cannot be opened.
-int upgrade_SendFirmwareInfo(SerialHandle handle, const char* path);
+/// Announces the image; `announced` becomes its size in bytes. 259: the file is not there; 263: it
+/// cannot be opened.
+int upgrade_SendFirmwareInfo(SerialHandle handle, const char* path, int& announced);
 
 int upgrade_EraseAPP_Flash(SerialHandle handle);
 
-/// Sends the image in frames of 5120 bytes, each up to ten times (264).
-int upgrade_SendFirmware(SerialHandle handle, const char* path);
+/// Sends the image in frames of 5120 bytes, each up to ten times (264). 263: it is not, or does not
+/// stay, `announced` bytes long.
+int upgrade_SendFirmware(SerialHandle handle, const char* path, int announced);
 
 /// Starts the new application.
 int upgrade_Reset(SerialHandle handle);

@@ -46,7 +46,8 @@ int upgrade_entry(int argc, char** argv) {
     log_info("Boot Version: %s\n", version.c_str());
 
     log_info("Send Firmware Information...\n");
-    result = upgrade_SendFirmwareInfo(handle, options.firmware.c_str());
+    int announced = 0;
+    result = upgrade_SendFirmwareInfo(handle, options.firmware.c_str(), announced);
     if (result != 0) {
         log_error("Send fw info failed,err: 0x%X\n", static_cast<unsigned>(result));
         return -1;
@@ -59,7 +60,7 @@ int upgrade_entry(int argc, char** argv) {
     }
 
     log_info("Send Firmware...\n");
-    result = upgrade_SendFirmware(handle, options.firmware.c_str());
+    result = upgrade_SendFirmware(handle, options.firmware.c_str(), announced);
     if (result != 0) {
         log_error("Send firmware failed,err: 0x%X\n", static_cast<unsigned>(result));
         return -1;
@@ -81,16 +82,17 @@ int upgrade_GetBootVer(SerialHandle handle, std::string& version) {
     return command_frames::get_boot_version(handle, dialect, version_query, version);
 }
 
-int upgrade_SendFirmwareInfo(SerialHandle handle, const char* path) {
-    return command_frames::send_firmware_info(handle, dialect, path, {.third = 0, .fourth = 0});
+int upgrade_SendFirmwareInfo(SerialHandle handle, const char* path, int& announced) {
+    return command_frames::send_firmware_info(handle, dialect, path, {.third = 0, .fourth = 0},
+                                              announced);
 }
 
 int upgrade_EraseAPP_Flash(SerialHandle handle) {
     return command_frames::erase(handle, dialect);
 }
 
-int upgrade_SendFirmware(SerialHandle handle, const char* path) {
-    return command_frames::send_firmware(handle, dialect, path);
+int upgrade_SendFirmware(SerialHandle handle, const char* path, int announced) {
+    return command_frames::send_firmware(handle, dialect, path, announced);
 }
 
 int upgrade_Reset(SerialHandle handle) {

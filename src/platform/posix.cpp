@@ -22,25 +22,21 @@
 #include <ctime>
 #include <string>
 
+#include "platform/line_time.h"
 #include "platform/platform.h"
 
 namespace orbix::platform {
 
 namespace {
 
-constexpr std::uint64_t microsecond = 1000;
-constexpr std::uint64_t millisecond = 1000 * microsecond;
-constexpr std::uint64_t second = 1000 * millisecond;
 constexpr std::uint64_t never = UINT64_MAX;
 
-/// Start bit, eight data bits, stop bit; a parity bit comes on top.
-constexpr std::uint64_t bits_per_byte = 10;
-
-/// A descriptor that is open as a port, and the time at which the line has carried the last byte
-/// written to it.
+/// A descriptor that is open as a port, the time at which the line has carried the last byte
+/// written to it, and whether that is still to be waited for.
 struct OpenPort {
     int descriptor = -1;
     std::uint64_t line_free_ns = 0;
+    bool sending = false;
 };
 
 /// The ports of this process. Read by the signal handler, so it is a plain array.
@@ -57,7 +53,11 @@ timespec to_timespec(std::uint64_t nanoseconds) {
     return {static_cast<time_t>(nanoseconds / second), static_cast<long>(nanoseconds % second)};
 }
 
+/// A sleep whose end has passed already would still cost a turn of the scheduler.
 void sleep_until_ns(std::uint64_t deadline) {
+    if (now_ns() >= deadline) {
+        return;
+    }
     const timespec until = to_timespec(deadline);
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
     }
@@ -68,11 +68,6 @@ OpenPort* find_port(Port port) {
         return open.descriptor >= 0 && open.descriptor == port;
     });
     return found != open_ports.end() ? found : nullptr;
-}
-
-int descriptor_of(Port port) {
-    const OpenPort* open = find_port(port);
-    return open != nullptr ? open->descriptor : -1;
 }
 
 /// Waits for input, or for room to write, until the deadline. Returns whether it came; a device
@@ -89,6 +84,47 @@ bool wait_for(int descriptor, short event, std::uint64_t deadline) {
         if (errno != EINTR) {
             return false;
         }
+    }
+}
+
+std::uint64_t line_time_at(int descriptor, std::size_t bytes) {
+    termios2 settings{};
+    if (ioctl(descriptor, TCGETS2, &settings) != 0) {
+        return 0;
+    }
+    return line_time_ns(bytes, settings.c_ospeed, (settings.c_cflag & PARENB) != 0);
+}
+
+/// Waits until the line has carried what was written: for the time that the bytes take, because a
+/// USB adapter has a queue of its own that the kernel does not see, and then until the kernel's
+/// queue is empty. The queue's length is asked for instead of tcdrain, which rounds its wait up to
+/// a timer tick.
+void wait_until_sent(OpenPort& open) {
+    if (!open.sending) {
+        return;
+    }
+    open.sending = false;
+    sleep_until_ns(open.line_free_ns);
+    int queued = 0;
+    while (ioctl(open.descriptor, TIOCOUTQ, &queued) == 0 && queued > 0) {
+        const std::uint64_t left = line_time_at(open.descriptor, static_cast<std::size_t>(queued));
+        sleep_until_ns(now_ns() + std::clamp(left, 50 * microsecond, 100 * millisecond));
+    }
+}
+
+/// The descriptor of a port whose bytes have all been sent.
+int idle_descriptor(Port port) {
+    OpenPort* open = find_port(port);
+    if (open == nullptr) {
+        return -1;
+    }
+    wait_until_sent(*open);
+    return open->descriptor;
+}
+
+void wait_until_all_is_sent() {
+    for (OpenPort& open : open_ports) {
+        wait_until_sent(open);
     }
 }
 
@@ -110,7 +146,10 @@ void release_and_die(int signal_number) {
 
 void release_ports_when_the_process_ends() {
     static const bool once = [] {
-        std::atexit(release_all_ports);
+        std::atexit([] {
+            wait_until_all_is_sent();
+            release_all_ports();
+        });
         for (const int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
             struct sigaction before {};
             sigaction(signal_number, nullptr, &before);
@@ -144,7 +183,7 @@ bool make_raw(int descriptor) {
     settings.c_iflag = IGNBRK;
     settings.c_oflag = 0;
     settings.c_lflag = 0;
-    settings.c_cflag &= ~static_cast<tcflag_t>(CSIZE | CSTOPB | PARENB | PARODD | CRTSCTS);
+    settings.c_cflag &= ~static_cast<tcflag_t>(CSIZE | CSTOPB | PARENB | PARODD | CMSPAR | CRTSCTS);
     settings.c_cflag |= CS8 | CREAD | CLOCAL;
     settings.c_cc[VMIN] = 1;
     settings.c_cc[VTIME] = 0;
@@ -195,9 +234,11 @@ Port open_port(const char* name) {
     return descriptor;
 }
 
-int read_port(Port port, std::span<std::uint8_t> buffer, unsigned interval_ms, unsigned total_ms) {
-    const int descriptor = descriptor_of(port);
-    const std::uint64_t end = total_ms == 0 ? never : now_ns() + total_ms * millisecond;
+/// Reads as the seam wants it, with times that begin when the line is free.
+int read_until_quiet(int descriptor, std::span<std::uint8_t> buffer, unsigned interval_ms,
+                     unsigned total_ms, std::uint64_t line_free) {
+    const std::uint64_t begun = std::max(now_ns(), line_free);
+    const std::uint64_t end = total_ms == 0 ? never : begun + total_ms * millisecond;
     std::uint64_t deadline = end;
     std::size_t received = 0;
     while (received < buffer.size()) {
@@ -205,7 +246,7 @@ int read_port(Port port, std::span<std::uint8_t> buffer, unsigned interval_ms, u
         if (count > 0) {
             received += static_cast<std::size_t>(count);
             if (interval_ms != 0) {
-                deadline = std::min(end, now_ns() + interval_ms * millisecond);
+                deadline = std::min(end, std::max(now_ns(), begun) + interval_ms * millisecond);
             }
             continue;
         }
@@ -219,27 +260,26 @@ int read_port(Port port, std::span<std::uint8_t> buffer, unsigned interval_ms, u
     return static_cast<int>(received);
 }
 
-std::uint64_t line_time_ns(int descriptor, std::size_t bytes) {
-    termios2 settings{};
-    if (ioctl(descriptor, TCGETS2, &settings) != 0 || settings.c_ospeed == 0) {
-        return 0;
+int read_port(Port port, std::span<std::uint8_t> buffer, unsigned interval_ms, unsigned total_ms) {
+    OpenPort* open = find_port(port);
+    if (open == nullptr) {
+        return -1;
     }
-    const std::uint64_t bits = bits_per_byte + ((settings.c_cflag & PARENB) != 0 ? 1 : 0);
-    return bytes * bits * second / settings.c_ospeed;
+    const int count = read_until_quiet(open->descriptor, buffer, interval_ms, total_ms,
+                                       open->sending ? open->line_free_ns : 0);
+    wait_until_sent(*open);  // an answer ahead of its time does not bring the rest forward
+    return count;
 }
 
-/// Waits until the line has carried what was written: for the time that the bytes take, because a
-/// USB adapter has a queue of its own that the kernel does not see, and then until the kernel's
-/// queue is empty. The queue's length is asked for instead of tcdrain, which rounds its wait up to
-/// a timer tick.
-void wait_until_sent(OpenPort& open, std::size_t bytes, std::uint64_t started) {
-    const std::uint64_t line_time = line_time_ns(open.descriptor, bytes);
+/// Takes note of what the line is busy with now. The wait for it is a part of the write, but after
+/// a few bytes it is left to whatever is done next: a read, which is what follows a short command,
+/// then waits once, for the answer, instead of being woken before by a timer that is late.
+void begin_sending(OpenPort& open, std::size_t bytes, std::uint64_t started) {
+    const std::uint64_t line_time = line_time_at(open.descriptor, bytes);
     open.line_free_ns = std::max(open.line_free_ns, started) + line_time;
-    sleep_until_ns(open.line_free_ns);
-    int queued = 0;
-    while (ioctl(open.descriptor, TIOCOUTQ, &queued) == 0 && queued > 0) {
-        const std::uint64_t left = line_time_ns(open.descriptor, static_cast<std::size_t>(queued));
-        sleep_until_ns(now_ns() + std::clamp(left, 50 * microsecond, 100 * millisecond));
+    open.sending = true;
+    if (line_time > short_write) {
+        wait_until_sent(open);
     }
 }
 
@@ -248,6 +288,7 @@ int write_port(Port port, std::span<const std::uint8_t> bytes) {
     if (open == nullptr) {
         return -1;
     }
+    wait_until_sent(*open);
     const std::uint64_t started = now_ns();
     std::size_t written = 0;
     while (written < bytes.size()) {
@@ -264,16 +305,16 @@ int write_port(Port port, std::span<const std::uint8_t> bytes) {
     if (written == 0 && !bytes.empty()) {
         return -1;
     }
-    wait_until_sent(*open, written, started);
+    begin_sending(*open, written, started);
     return static_cast<int>(written);
 }
 
 void discard_received(Port port) {
-    ioctl(descriptor_of(port), TCFLSH, TCIFLUSH);
+    ioctl(idle_descriptor(port), TCFLSH, TCIFLUSH);
 }
 
 bool get_settings(Port port, LineSettings& settings) {
-    const int descriptor = descriptor_of(port);
+    const int descriptor = idle_descriptor(port);
     termios2 current_settings{};
     if (ioctl(descriptor, TCGETS2, &current_settings) != 0) {
         return false;
@@ -294,7 +335,7 @@ bool set_rate_and_parity(int descriptor, const LineSettings& wanted) {
     if (ioctl(descriptor, TCGETS2, &settings) != 0) {
         return false;
     }
-    settings.c_cflag &= ~static_cast<tcflag_t>(PARENB | PARODD);
+    settings.c_cflag &= ~static_cast<tcflag_t>(PARENB | PARODD | CMSPAR);
     if (wanted.parity == Parity::even) {
         settings.c_cflag |= PARENB;
     }
@@ -325,7 +366,7 @@ bool set_line_state(int descriptor, int line, bool on) {
 }
 
 bool set_settings(Port port, const LineSettings& settings) {
-    const int descriptor = descriptor_of(port);
+    const int descriptor = idle_descriptor(port);
     // Without fields of their own here, RTS and DTR control are the lines themselves. A
     // pseudo-terminal has no lines; that is no failure of the settings.
     set_line_state(descriptor, TIOCM_RTS, settings.rts_control);
@@ -334,7 +375,8 @@ bool set_settings(Port port, const LineSettings& settings) {
 }
 
 bool set_modem_line(Port port, ModemLine line, bool on) {
-    return set_line_state(descriptor_of(port), line == ModemLine::rts ? TIOCM_RTS : TIOCM_DTR, on);
+    return set_line_state(idle_descriptor(port), line == ModemLine::rts ? TIOCM_RTS : TIOCM_DTR,
+                          on);
 }
 
 void close_port(Port port) {
@@ -342,16 +384,19 @@ void close_port(Port port) {
     if (open == nullptr) {
         return;
     }
+    wait_until_sent(*open);
     ioctl(open->descriptor, TIOCNXCL);
     close(open->descriptor);
     *open = {};
 }
 
 std::uint64_t now_ms() {
+    wait_until_all_is_sent();
     return now_ns() / millisecond;
 }
 
 void sleep_us(std::uint64_t microseconds) {
+    wait_until_all_is_sent();
     sleep_until_ns(now_ns() + microseconds * microsecond);
 }
 

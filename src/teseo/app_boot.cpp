@@ -64,12 +64,6 @@ Bytes with_checksum(Bytes bytes) {
     return bytes;
 }
 
-/// The address of a block of 256 bytes. The number has 16 bits, as the address leaves it.
-Bytes address_of_block(std::uint16_t block) {
-    return with_checksum({flash_base, static_cast<std::uint8_t>(block >> 8),
-                          static_cast<std::uint8_t>(block), 0x00});
-}
-
 int identify(SerialHandle handle) {
     log_info("Get version....\n");
     const int result =
@@ -149,7 +143,7 @@ int write_image(SerialHandle handle, const char* path) {
     teseo::get_crc32_with_filesize(path, file_len);
 
     std::array<std::uint8_t, block_size> block{};
-    std::uint16_t number = 0;
+    std::uint32_t number = 0;
     std::int32_t sent = 0;
     while (const std::size_t count = file.read(block)) {
         Bytes data{static_cast<std::uint8_t>(count - 1)};
@@ -226,6 +220,11 @@ int Kv_UART_Send_Recv(SerialHandle handle, std::span<const std::uint8_t> tx,
         return exchange_mismatched;
     }
     return 0;
+}
+
+Bytes address_of_block(std::uint32_t block) {
+    return with_checksum({flash_base, static_cast<std::uint8_t>(block >> 8),
+                          static_cast<std::uint8_t>(block), 0x00});
 }
 
 std::uint8_t calculate_xor_checksum(std::span<const std::uint8_t> bytes) {

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <span>
+#include <vector>
 
 #include "core/kv_uart.h"
 
@@ -28,6 +29,10 @@ int Kv_Boot_Send_Firmware(SerialHandle handle, const char* firmware_path);
 /// the read itself brought. Returns 0 or an `ExchangeResult`, after a line.
 int Kv_UART_Send_Recv(SerialHandle handle, std::span<const std::uint8_t> tx,
                       std::span<const std::uint8_t> expected);
+
+/// The address of a block of 256 bytes as it is sent, its checksum included. A block's number has
+/// 16 bits: block 65536 stands where block 0 does.
+std::vector<std::uint8_t> address_of_block(std::uint32_t block);
 
 /// The XOR of all bytes, 0 for none.
 std::uint8_t calculate_xor_checksum(std::span<const std::uint8_t> bytes);

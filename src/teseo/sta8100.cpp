@@ -66,7 +66,8 @@ teseo::Heard scan(std::span<const std::uint8_t> received, std::string& answer) {
         if (Kv_NMEA_CMD_Composite(*byte, sentence_under_way, length) == more) {
             continue;
         }
-        answer = sentence_under_way.text;
+        const std::string& text = sentence_under_way.text;
+        answer = text.substr(0, text.find('\0'));  // a 0 within ends the text, as it does in print
         heard = teseo::judge_sentence(answer);
         if (heard != teseo::Heard::sentence) {
             return heard;

@@ -34,13 +34,13 @@ int Ag3352_Upgrade_Sync(SerialHandle handle);
 /// Asks the boot loader's version, "V<major>.<minor>.<patch>".
 int Ag3352_Upgrade_BootVer(SerialHandle handle, std::string& version);
 
-/// Announces the image: size, CRC and load address 0x08009000.
-int Ag3352_Upgrade_SendFirmwareInfo(SerialHandle handle, const char* path);
+/// Announces the image: size, CRC and load address 0x08009000. `announced` becomes the size.
+int Ag3352_Upgrade_SendFirmwareInfo(SerialHandle handle, const char* path, int& announced);
 
 int Ag3352_Upgrade_EraseAPP_Flash(SerialHandle handle);
 
-/// Sends the image in frames of 4096 bytes.
-int Ag3352_Upgrade_SendFirmware(SerialHandle handle, const char* path);
+/// Sends the image of `announced` bytes in frames of 4096.
+int Ag3352_Upgrade_SendFirmware(SerialHandle handle, const char* path, int announced);
 
 /// Reboots into the new application.
 int Ag3352_Upgrade_Reset(SerialHandle handle);

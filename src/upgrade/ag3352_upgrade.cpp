@@ -77,7 +77,8 @@ bool run_steps(SerialHandle handle, const char* firmware) {
     }
     log_info("Boot Version:%s\n", version.c_str());
 
-    if (Ag3352_Upgrade_SendFirmwareInfo(handle, firmware) != 0) {
+    int announced = 0;
+    if (Ag3352_Upgrade_SendFirmwareInfo(handle, firmware, announced) != 0) {
         log_error("Send Firmware Info failed!\n");
         return false;
     }
@@ -90,7 +91,7 @@ bool run_steps(SerialHandle handle, const char* firmware) {
     }
     log_info("Erase Flash success!\n");
 
-    if (Ag3352_Upgrade_SendFirmware(handle, firmware) != 0) {
+    if (Ag3352_Upgrade_SendFirmware(handle, firmware, announced) != 0) {
         log_error("Send Firmware failed!\n");
         return false;
     }
@@ -112,16 +113,16 @@ int Ag3352_Upgrade_BootVer(SerialHandle handle, std::string& version) {
     return upgrade::get_boot_version(handle, target, version);
 }
 
-int Ag3352_Upgrade_SendFirmwareInfo(SerialHandle handle, const char* path) {
-    return upgrade::send_firmware_info(handle, target, path);
+int Ag3352_Upgrade_SendFirmwareInfo(SerialHandle handle, const char* path, int& announced) {
+    return upgrade::send_firmware_info(handle, target, path, announced);
 }
 
 int Ag3352_Upgrade_EraseAPP_Flash(SerialHandle handle) {
     return upgrade::erase_application(handle, target);
 }
 
-int Ag3352_Upgrade_SendFirmware(SerialHandle handle, const char* path) {
-    return upgrade::send_firmware(handle, target, path);
+int Ag3352_Upgrade_SendFirmware(SerialHandle handle, const char* path, int announced) {
+    return upgrade::send_firmware(handle, target, path, announced);
 }
 
 int Ag3352_Upgrade_Reset(SerialHandle handle) {

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "core/firmware_file.h"
+#include "core/hints.h"
 #include "core/kv_log.h"
 #include "core/kv_util.h"
 #include "upgrade/kv_upgrade_protocol.h"
@@ -62,6 +63,12 @@ int send_block(SerialHandle handle, std::span<const std::uint8_t> frame) {
     return response_refused;
 }
 
+/// The module has been told another length and CRC, and nothing that it answers need show it.
+int refuse_changed_image() {
+    hints::give("the image has changed its length during the run\n");
+    return firmware_not_opened;
+}
+
 }  // namespace
 
 int get_boot_version(SerialHandle handle, const FramedTarget& target, std::string& version) {
@@ -83,7 +90,8 @@ int get_boot_version(SerialHandle handle, const FramedTarget& target, std::strin
     return 0;
 }
 
-int send_firmware_info(SerialHandle handle, const FramedTarget& target, const char* path) {
+int send_firmware_info(SerialHandle handle, const FramedTarget& target, const char* path,
+                       int& announced) {
     if (!path_exists(path)) {
         return firmware_not_accessible;
     }
@@ -94,7 +102,8 @@ int send_firmware_info(SerialHandle handle, const FramedTarget& target, const ch
             std::perror("fopen");
             return firmware_not_opened;
         }
-        info.size = static_cast<std::uint32_t>(file.size());
+        announced = file.size();
+        info.size = static_cast<std::uint32_t>(announced);
         info.crc = Kv_FW_CRC(file, info);
         if (file.failed()) {
             std::perror("fread");
@@ -122,13 +131,17 @@ int erase_application(SerialHandle handle, const FramedTarget& target) {
                    "EraseAPP --- Kv_Upgrade_DecodeMsg failed errro code %04x\n");
 }
 
-int send_firmware(SerialHandle handle, const FramedTarget& target, const char* path) {
+int send_firmware(SerialHandle handle, const FramedTarget& target, const char* path,
+                  int announced) {
     FirmwareFile file(path);
     if (!file.is_open()) {
         std::perror("fopen");
         return firmware_not_opened;
     }
     const int total = file.size();
+    if (total != announced) {
+        return refuse_changed_image();
+    }
     log_progress(0.0F, LineEnd::crlf);
     flash_tool_secs();  // the transfer's clock starts here
     log_speed_start(total);
@@ -150,11 +163,11 @@ int send_firmware(SerialHandle handle, const FramedTarget& target, const char* p
         log_progress(100.0F * static_cast<float>(sent) / static_cast<float>(total), LineEnd::crlf);
         log_speed(sent, total, rounded_kbytes(sent), flash_tool_secs());
     }
-    if (file.failed() || sent != total) {
-        std::fprintf(stderr, "%s: the file could not be read to its end\n", path);
+    if (file.failed()) {
+        std::perror("fread");
         return firmware_not_opened;
     }
-    return 0;
+    return sent == total ? 0 : refuse_changed_image();
 }
 
 int reset_module(SerialHandle handle, const FramedTarget& target) {

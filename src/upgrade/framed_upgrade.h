@@ -30,15 +30,17 @@ inline constexpr int firmware_attempts = 10;
 /// that failed.
 int get_boot_version(SerialHandle handle, const FramedTarget& target, std::string& version);
 
-/// Also returns `firmware_not_accessible` or `firmware_not_opened`.
-int send_firmware_info(SerialHandle handle, const FramedTarget& target, const char* path);
+/// Announces the image. `announced` becomes its size, in bytes. Also returns
+/// `firmware_not_accessible` or `firmware_not_opened`.
+int send_firmware_info(SerialHandle handle, const FramedTarget& target, const char* path,
+                       int& announced);
 
 int erase_application(SerialHandle handle, const FramedTarget& target);
 
 /// Sends the image in frames of `block_size` bytes, numbered from 0, each up to
 /// `firmware_attempts` times, with PROGRESS and SPEED lines. Also returns `firmware_not_opened`,
-/// when the file cannot be opened or cannot be read to its end.
-int send_firmware(SerialHandle handle, const FramedTarget& target, const char* path);
+/// with a hint where the file is not, or does not stay, `announced` bytes long.
+int send_firmware(SerialHandle handle, const FramedTarget& target, const char* path, int announced);
 
 int reset_module(SerialHandle handle, const FramedTarget& target);
 

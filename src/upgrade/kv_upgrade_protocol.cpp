@@ -136,7 +136,9 @@ std::int32_t Kv_Upgrade_EncodeRead(std::uint8_t device, std::span<std::uint8_t> 
 int receive_frame(SerialHandle handle, std::span<std::uint8_t> buffer, unsigned byte_timeout_ms,
                   unsigned silence_limit_ms) {
     std::uint64_t silent_since = monotonic_ms();
-    std::size_t position = 0;  // bytes of the frame taken so far
+    std::size_t position = 0;     // bytes of the frame taken so far
+    std::uint32_t last_four = 0;  // of them, the newest byte lowest
+    std::uint32_t crc = 0;        // of address to payload, as far as they have come
     std::size_t payload_length = 0;
     bool crc_matched = false;
     while (true) {
@@ -156,19 +158,21 @@ int receive_frame(SerialHandle handle, std::span<std::uint8_t> buffer, unsigned 
         if (position < buffer.size()) {
             buffer[position] = byte;
         }
-        ++position;
         if (crc_matched) {
             return byte == frame_tail ? 0 : received_tail_wrong;
         }
+        if (position != 0 && position < payload_offset + payload_length) {
+            crc = Kv_Check_CRC32(crc, {&byte, 1});
+        }
+        last_four = last_four << 8 | byte;
+        ++position;
         if (position == payload_offset) {
-            payload_length = get_be16(buffer.subspan(length_offset));
+            payload_length = last_four & 0xFFFF;
         }
         // Only the exact length is looked at. When the CRC there is wrong the reader goes on
         // taking bytes: whatever follows belongs to the broken frame.
-        if (position > payload_offset && position == payload_length + 9 &&
-            position <= buffer.size()) {
-            const std::uint32_t received = get_be32(buffer.subspan(position - 4));
-            crc_matched = received == Kv_Check_CRC32(0, buffer.subspan(1, payload_length + 4));
+        if (position > payload_offset && position == payload_offset + payload_length + 4) {
+            crc_matched = last_four == crc;
         }
     }
 }

@@ -1,5 +1,7 @@
 #include "upgrade/sync_words.h"
 
+#include <algorithm>
+
 #include "core/hints.h"
 #include "core/kv_util.h"
 
@@ -7,14 +9,19 @@ namespace orbix::upgrade {
 
 namespace {
 
-/// Takes bytes into the register until the line is silent for `byte_timeout_ms`. A line that is
-/// never silent is left when the deadline has passed.
+/// How long an answer, with what a starting receiver says around it, may last at most, in ms.
+constexpr unsigned longest_answer = 1000;
+
+/// Takes bytes into the register until the line is silent for `byte_timeout_ms`. An answer is taken
+/// to its end even when the deadline passes meanwhile; a line that is never silent is left then, or
+/// after `longest_answer` if that is later.
 std::uint32_t drain_into(std::uint32_t last_four, SerialHandle handle, unsigned byte_timeout_ms,
                          std::uint64_t deadline) {
+    const std::uint64_t end = std::max(deadline, monotonic_ms() + longest_answer);
     std::uint8_t byte = 0;
     while (serial_read(handle, {&byte, 1}, byte_timeout_ms) != 0) {
         last_four = last_four >> 8 | std::uint32_t{byte} << 24;
-        if (monotonic_ms() > deadline) {
+        if (monotonic_ms() > end) {
             break;
         }
     }

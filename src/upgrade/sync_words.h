@@ -30,7 +30,8 @@ struct SyncTiming {
     unsigned byte;
 };
 
-/// The dialogue's limit, in ms, counted from its start and tested before each probe.
+/// The dialogue's limit, in ms, counted from its start and tested before each probe: an answer
+/// that comes after it, to a probe sent before it, still counts.
 inline constexpr unsigned sync_deadline = 20000;
 
 /// Sends the first probe until its answer is seen. Returns 0, or `sync_timed_out` after

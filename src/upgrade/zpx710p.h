@@ -77,13 +77,15 @@ int ZPX_Upgrade_HandShake(SerialHandle handle);
 /// Asks the boot loader's version, "V<major>.<minor>.<patch>".
 int ZPX_Upgrade_GetBootVer(SerialHandle handle, const Processor& processor, std::string& version);
 
-/// Announces the image: size, CRC and load address.
-int ZPX_Upgrade_SendFirmwareInfo(SerialHandle handle, const Processor& processor, const char* path);
+/// Announces the image: size, CRC and load address. `announced` becomes the size in bytes.
+int ZPX_Upgrade_SendFirmwareInfo(SerialHandle handle, const Processor& processor, const char* path,
+                                 int& announced);
 
 int ZPX_Upgrade_EraseAPP_Flash(SerialHandle handle, const Processor& processor);
 
-/// Sends the image in frames of the processor's block size.
-int ZPX_Upgrade_SendFirmware(SerialHandle handle, const Processor& processor, const char* path);
+/// Sends the image of `announced` bytes in frames of the processor's block size.
+int ZPX_Upgrade_SendFirmware(SerialHandle handle, const Processor& processor, const char* path,
+                             int announced);
 
 /// Reboots the processor into the new application.
 int ZPX_Upgrade_Reset(SerialHandle handle, const Processor& processor);

@@ -100,7 +100,8 @@ int run_steps(SerialHandle handle, const Processor& processor, const char* firmw
         log_info("Boot Version: %s\n", version.c_str());
     }
     log_info("Send Firmware Information...\n");
-    result = ZPX_Upgrade_SendFirmwareInfo(handle, processor, firmware);
+    int announced = 0;
+    result = ZPX_Upgrade_SendFirmwareInfo(handle, processor, firmware, announced);
     if (result != 0) {
         log_error("Send fw info failed,err: 0x%X\n", static_cast<unsigned>(result));
         return result;
@@ -111,7 +112,7 @@ int run_steps(SerialHandle handle, const Processor& processor, const char* firmw
         return result;
     }
     log_info("Send Firmware...\n");
-    result = ZPX_Upgrade_SendFirmware(handle, processor, firmware);
+    result = ZPX_Upgrade_SendFirmware(handle, processor, firmware, announced);
     if (result != 0) {
         log_error("Send firmware failed,err: 0x%X\n", static_cast<unsigned>(result));
         return result;
@@ -158,17 +159,18 @@ int ZPX_Upgrade_GetBootVer(SerialHandle handle, const Processor& processor, std:
     return upgrade::get_boot_version(handle, processor.frames, version);
 }
 
-int ZPX_Upgrade_SendFirmwareInfo(SerialHandle handle, const Processor& processor,
-                                 const char* path) {
-    return upgrade::send_firmware_info(handle, processor.frames, path);
+int ZPX_Upgrade_SendFirmwareInfo(SerialHandle handle, const Processor& processor, const char* path,
+                                 int& announced) {
+    return upgrade::send_firmware_info(handle, processor.frames, path, announced);
 }
 
 int ZPX_Upgrade_EraseAPP_Flash(SerialHandle handle, const Processor& processor) {
     return upgrade::erase_application(handle, processor.frames);
 }
 
-int ZPX_Upgrade_SendFirmware(SerialHandle handle, const Processor& processor, const char* path) {
-    return upgrade::send_firmware(handle, processor.frames, path);
+int ZPX_Upgrade_SendFirmware(SerialHandle handle, const Processor& processor, const char* path,
+                             int announced) {
+    return upgrade::send_firmware(handle, processor.frames, path, announced);
 }
 
 int ZPX_Upgrade_Reset(SerialHandle handle, const Processor& processor) {

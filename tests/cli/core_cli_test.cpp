@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "cli/process.h"
+#include "platform/platform.h"
 #include "run/harness.h"
 
 namespace orbix::test {
@@ -44,6 +45,13 @@ TEST(Program, OptionDiagnosticsGoToStandardError) {
     const Finished run = run_program("orbix_flash", {"-m", "nosuch", "-Z"});
     EXPECT_NE(run.errors.find("'Z'"), std::string::npos);
     EXPECT_EQ(run.output.find("'Z'"), std::string::npos);
+}
+
+TEST(Program, SecondDashIsALetterThatIsNotKnown) {
+    const Finished run = run_program("orbix_flash", {"--m", "nosuch"});
+    EXPECT_EQ(run.errors.find("unrecognized"), std::string::npos) << run.errors;
+    EXPECT_NE(run.errors.find("'-'"), std::string::npos) << run.errors;
+    EXPECT_NE(run.output.find("[INFO] name :nosuch\n"), std::string::npos) << run.output;
 }
 
 class ProgramUpgrade : public ::testing::TestWithParam<std::size_t> {};
@@ -263,6 +271,35 @@ TEST(ProgramPort, ExclusiveFlagIsGivenBackWhereThePortIsLeftOpen) {
         "orbix_flash", upgrade_arguments(module.port(), folder.write("a", random_image(100))));
     EXPECT_TRUE(ends_with_line(run.output, upgrade_success));
     EXPECT_FALSE(is_exclusive(watcher));
+    close(watcher);
+}
+
+/// Another program may have left the line with a parity bit that is always or never set.
+TEST(ProgramPort, MarkAndSpaceParityOfBeforeAreCleared) {
+    const SimulatedModule module("TR52G");
+    const int watcher = open(module.port().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+    ASSERT_GE(watcher, 0);
+    const auto leave_mark_parity = [watcher] {
+        termios settings{};
+        ASSERT_EQ(tcgetattr(watcher, &settings), 0);
+        settings.c_cflag |= CMSPAR;
+        ASSERT_EQ(tcsetattr(watcher, TCSANOW, &settings), 0);
+    };
+    const auto has_mark_parity = [watcher] {
+        termios settings{};
+        EXPECT_EQ(tcgetattr(watcher, &settings), 0);
+        return (settings.c_cflag & CMSPAR) != 0;
+    };
+    leave_mark_parity();
+    ASSERT_TRUE(has_mark_parity());
+    const platform::Backend& system = platform::native();
+    const platform::Port port = system.open(module.port().c_str());
+    ASSERT_NE(port, platform::no_port);
+    EXPECT_FALSE(has_mark_parity()) << "by opening";
+    leave_mark_parity();
+    EXPECT_TRUE(system.set_settings(port, {.baud = 115200}));
+    EXPECT_FALSE(has_mark_parity()) << "by setting";
+    system.close(port);
     close(watcher);
 }
 

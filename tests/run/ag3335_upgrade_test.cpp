@@ -1,4 +1,5 @@
 // The AG3335 upgrade, end to end.
+#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -656,6 +657,19 @@ TEST(Ag3335Options, ComeInAnyOrder) {
     EXPECT_EQ(lines, expected);
     EXPECT_NE(run.output.find("[DEBUG] send to module -- < a0 \n"), std::string::npos);
     EXPECT_NE(run.output.find("[DEBUG] recv to module -- < 5F ,ret:1\n"), std::string::npos);
+}
+
+TEST(Ag3335Options, LetterThatIsNoOptionIsPassedOver) {
+    Upgrade upgrade(new_agent_size);
+    upgrade.dirty_flash();
+    upgrade.write_package();
+    Lines arguments = upgrade.arguments();
+    arguments.insert(arguments.begin() + 2, {"-r", "x"});
+    ::testing::internal::CaptureStderr();
+    const ToolRun run(upgrade.module, arguments);
+    EXPECT_NE(::testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(run.result(), upgrade_success);
+    EXPECT_TRUE(upgrade.flash_is(upgrade.expected_flash(0x3E0000)));
 }
 
 TEST(Ag3335Options, DirectoryPortAndRateAreNeeded) {
@@ -1719,6 +1733,56 @@ TEST_P(Ag3335Package, LayoutOfAnotherName) {
         << "the beginning of the name is enough";
 }
 
+/// The first of two names in the order in which the system lists a folder.
+std::string listed_first(const std::string& folder, const std::string& one,
+                         const std::string& other) {
+    DIR* const listing = opendir(folder.c_str());
+    std::string found;
+    for (const dirent* entry = readdir(listing); entry != nullptr && found.empty();
+         entry = readdir(listing)) {
+        if (entry->d_name == one || entry->d_name == other) {
+            found = entry->d_name;
+        }
+    }
+    closedir(listing);
+    return found;
+}
+
+TEST(Ag3335Layout, FirstOfTheFolderIsTaken) {
+    const std::string plain = "flash_download.cfg";
+    // Which of two names comes first is up to the file system, by their letters or their age.
+    for (const std::string end : {".bak", ".old", "~", "2"}) {
+        for (const bool plain_is_older : {true, false}) {
+            Upgrade upgrade(new_agent_size);
+            upgrade.images.push_back({"other.bin", flash_base + 0x8000, random_image(100)});
+            upgrade.with_layout = false;
+            const std::string other = plain + end;
+            for (const bool is_plain : {plain_is_older, !plain_is_older}) {
+                upgrade.folder.write(is_plain ? plain : other,
+                                     layout_of({upgrade.images[is_plain ? 0 : 1]}));
+            }
+            const ToolRun run = upgrade.run();
+            const std::string first = listed_first(upgrade.folder.path(), plain, other);
+            EXPECT_EQ(run.count(" send fw file according to "), 1U);
+            EXPECT_EQ(run.count(" send fw file according to " + upgrade.directory() + first + "\n"),
+                      1U)
+                << first;
+            EXPECT_EQ(run.count(first == plain ? "will send app.bin" : "will send other.bin"), 1U);
+        }
+    }
+}
+
+TEST_P(Ag3335Package, LayoutIsLookedForInTheFolderAlone) {
+    upgrade.with_layout = false;
+    std::filesystem::create_directory(upgrade.folder.path("sub"));
+    upgrade.folder.write("sub/my.cfg", layout_of(upgrade.images));
+    const ToolRun run = upgrade.run({"-g", "sub/my.cfg"});
+    EXPECT_EQ(errors(run), Lines{upgrade.directory() + "sub/my.cfg non-existent"});
+    EXPECT_EQ(run.count("send fw file according to"), 0U);
+    EXPECT_EQ(run.result(), upgrade_success);
+    EXPECT_EQ(blocks_written(), 0U);
+}
+
 TEST_P(Ag3335Package, LayoutThatCannotBeOpened) {
     upgrade.with_layout = false;
     std::filesystem::create_directory(upgrade.folder.path("flash_download.cfg"));
@@ -1843,6 +1907,22 @@ TEST_P(Ag3335Package, LayoutValuesBeginAtAFixedDistanceBehindTheirKeys) {
     EXPECT_TRUE(upgrade.module.flash().holds(flash_base + 0x5000, upgrade.images[0].content));
 }
 
+/// 2047 characters are the most of a line; what stands behind them counts as the next one.
+TEST_P(Ag3335Package, LongLayoutLineGoesOnAsAnother) {
+    upgrade.with_layout = false;
+    const std::string begin = "begin_address: 0x08001000 ";
+    const std::string end = "file: a.bin";
+    std::string line = begin + std::string(2047 - begin.size() - end.size(), 'x') + end;
+    ASSERT_EQ(line.size(), 2047U);
+    line += "begin_address: 0x08005000\n";
+    upgrade.folder.write("flash_download.cfg", "rom:\nfile: b.bin\n" + line);
+    const ToolRun run = upgrade.run();
+    EXPECT_EQ(run.result(), upgrade_success);
+    EXPECT_EQ(sent_images(run), Lines{"a.bin"});
+    const auto held = upgrade.module.flash().read(flash_base + 0x5000, 100);
+    EXPECT_TRUE(std::equal(held.begin(), held.end(), upgrade.images[0].content.begin()));
+}
+
 TEST_P(Ag3335Package, EntryWithoutAFileFails) {
     upgrade.with_layout = false;
     upgrade.folder.write("flash_download.cfg", std::string("rom:\nfile:\nbegin_address: 0x0\n"));
@@ -1917,6 +1997,55 @@ TEST(Ag3335SoftReset, AsksUntilTheModuleIsGone) {
     EXPECT_EQ(run.closes, 1);
     EXPECT_EQ(Bytes(run.sent.begin(), run.sent.begin() + 13),
               Bytes(reboot_sentence.begin(), reboot_sentence.end()));
+}
+
+TEST(Ag3335SoftReset, AsksAgainAfterATenthOfASecond) {
+    Upgrade upgrade(new_agent_size);
+    upgrade.model = "TR75XBA-SR01";
+    upgrade.write_package();
+    SilentModule silent;
+    const ToolRun run(silent, upgrade.arguments(), unplugged_after_ms(5000));
+    const auto pauses = run.pauses();
+    // A sentence takes 1.13 ms at 115200.
+    EXPECT_EQ(pauses.size(), 49U);
+    for (const sim::Micros pause : pauses) {
+        EXPECT_NEAR(static_cast<double>(pause), 100'000, 200);
+    }
+}
+
+/// Firmware that answers every sentence, but does not restart.
+class CurtModule : public SilentModule {
+  public:
+    explicit CurtModule(std::string answer) : answer_(std::move(answer)) {}
+
+    void receive(std::uint8_t byte, sim::Micros now, sim::Wire& wire) override {
+        SilentModule::receive(byte, now, wire);
+        if (byte == '\n') {
+            wire.send(answer_);
+        }
+    }
+
+  private:
+    std::string answer_;
+};
+
+TEST(Ag3335SoftReset, FiveBytesAreEnough) {
+    for (const std::string answer : {"$PAIR", "$PAIR001,023,0*38\r\n"}) {
+        Upgrade upgrade(new_agent_size);
+        upgrade.model = "TR75XBA-SR01";
+        upgrade.write_package();
+        CurtModule module(answer);
+        const ToolRun run(module, upgrade.arguments(), unplugged_after_ms(60'000));
+        EXPECT_EQ(run.count("[INFO] soft reset success\n"), 1U);
+        // What follows the one sentence is the handshake, as soon as the five bytes are there.
+        std::vector<sim::TracedByte> sent;
+        std::copy_if(run.trace.begin(), run.trace.end(), std::back_inserter(sent),
+                     [](const auto& byte) { return byte.direction == sim::Direction::to_module; });
+        ASSERT_GT(sent.size(), reboot_sentence.size());
+        EXPECT_EQ(sent[reboot_sentence.size()].byte, 0xA0);
+        const auto gap = sent[reboot_sentence.size()].time - sent[reboot_sentence.size() - 1].time;
+        EXPECT_LT(gap, sim::milliseconds(1));
+    }
 }
 
 /// Firmware that answers the first sentence in two pieces and the second one whole.

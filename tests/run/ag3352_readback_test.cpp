@@ -336,6 +336,21 @@ TEST_F(Ag3352Readback, MissingAndShortRepliesAreAskedForAgain) {
     expect_file_holds(folder.path("part0.bin"), base, 0x1000);
 }
 
+/// What came before still stands where the reply would be.
+TEST_F(Ag3352Readback, MissingReplyBehindAGoodOneShowsThatOnesAddress) {
+    module.boot.voice.tamper = [](BootAnswer which, unsigned number, Bytes& bytes) {
+        if (which == BootAnswer::read_block && (number == 2 || number == 3)) {
+            bytes.clear();
+        }
+    };
+    const std::string out = folder.path("out.bin");
+    const ToolRun result = run({"-a", "0x08000000", "-t", "0x4000", "-o", out});
+    EXPECT_EQ(result.result(), readback_success);
+    EXPECT_EQ(result.count("[ERROR]"), 2U);
+    EXPECT_EQ(result.count("[ERROR] readback_flash read_start_addr error 0x08001000\n"), 2U);
+    expect_file_holds(out, base, 0x4000);
+}
+
 TEST_F(Ag3352Readback, SilentAgentEndsInFiveWaits) {
     tamper_reads(100, [](Bytes& bytes) { bytes.clear(); });
     const std::uint64_t usual = run({"-o", "x"}).duration_ms;

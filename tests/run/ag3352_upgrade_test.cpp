@@ -348,6 +348,87 @@ TEST(Ag3352Upgrade, SyncWaitsForAModuleThatIsSwitchedOnLate) {
     EXPECT_EQ(run.result(), upgrade_success);
 }
 
+TEST(Ag3352Upgrade, SyncAnswerToTheLastProbeMayComeAfterTheDeadline) {
+    Upgrade upgrade;
+    Conditions conditions;
+    conditions.faults = {{.kind = sim::FaultKind::silence, .byte = 0, .amount = 19'945},
+                         {.kind = sim::FaultKind::delay,
+                          .direction = sim::Direction::to_host,
+                          .byte = 0,
+                          .amount = 45}};
+    const ToolRun run = upgrade.run(conditions);
+    EXPECT_EQ(run.result(), upgrade_success);
+    const auto answer = std::find_if(run.trace.begin(), run.trace.end(), [](const auto& byte) {
+        return byte.direction == sim::Direction::to_host;
+    });
+    ASSERT_NE(answer, run.trace.end());
+    EXPECT_GT(answer->time - sim::VirtualPort::start, sim::milliseconds(20'000));
+}
+
+/// The silences between what the tool sends, in ms.
+std::vector<double> pauses_ms(const ToolRun& run) {
+    std::vector<double> pauses;
+    for (const sim::Micros pause : run.pauses()) {
+        pauses.push_back(static_cast<double>(pause) / 1000);
+    }
+    return pauses;
+}
+
+void expect_pauses(const ToolRun& run, const std::vector<double>& expected) {
+    const std::vector<double> pauses = pauses_ms(run);
+    ASSERT_GE(pauses.size(), expected.size());
+    for (std::size_t index = 0; index < expected.size(); ++index) {
+        EXPECT_NEAR(pauses[index], expected[index], 0.2) << "pause " << index;
+    }
+}
+
+/// Each probe is given 20 ms, and its answer is over when nothing has come for 50 ms.
+TEST(Ag3352Upgrade, SyncWaitsBetweenItsProbes) {
+    SilentModule silent;
+    const TempDir folder;
+    const ToolRun unheard(silent, upgrade_arguments(folder.write("app.bin", random_image(10))));
+    expect_pauses(unheard, std::vector<double>(284, 20 + 50));
+
+    expect_pauses(Upgrade().run(), {20 + 50, 20 + 50});
+
+    // The answer, of 0.35 ms, ends later than the pause of 20 ms: 50 ms from there on.
+    for (const std::size_t late : {0U, 1U}) {
+        Upgrade upgrade;
+        Conditions conditions;
+        conditions.faults = {{.kind = sim::FaultKind::delay,
+                              .direction = sim::Direction::to_host,
+                              .byte = 4 * late,
+                              .amount = 40}};
+        std::vector<double> expected(2, 20 + 50);
+        expected[late] = 40 + 0.35 + 50;
+        expect_pauses(upgrade.run(conditions), expected);
+    }
+}
+
+/// A command's response is not looked at for 20 ms, and for no longer.
+TEST(Ag3352Upgrade, CommandsAreGivenTwentyMilliseconds) {
+    Upgrade upgrade;
+    AppLoader::Settings settings;
+    settings.program_time = 0;
+    settings.erase_time = 0;
+    AppLoader at_once(settings);
+    const auto arguments = upgrade_arguments(upgrade.folder.write("app.bin", random_image(100)));
+    const ToolRun run(at_once, arguments);
+    EXPECT_EQ(run.result(), upgrade_success);
+    // The version, the information, the erase; then a firmware frame, which follows its response of
+    // 14 bytes at once.
+    expect_pauses(run, {70, 70, 20, 20, 20, 1.3});
+    const auto last_sent = std::find_if(run.trace.rbegin(), run.trace.rend(), [](const auto& byte) {
+        return byte.direction == sim::Direction::to_module;
+    });
+    const std::uint64_t last_ms = (last_sent->time - sim::VirtualPort::start) / 1000;
+    EXPECT_NEAR(static_cast<double>(run.duration_ms - last_ms), 20, 1) << "behind the reboot";
+
+    settings.erase_time = sim::milliseconds(100);
+    AppLoader slow(settings);
+    expect_pauses(ToolRun(slow, arguments), {70, 70, 20, 20, 101.3});
+}
+
 TEST(Ag3352Upgrade, SyncAnswerMayComeInTwoPieces) {
     Upgrade upgrade;
     int probes = 0;
@@ -448,14 +529,17 @@ TEST_P(Ag3352UpgradeSteps, SlaveStateOtherThanZero) {
 }
 
 TEST_P(Ag3352UpgradeSteps, ResponseOfAnotherLength) {
-    Upgrade upgrade;
-    upgrade.answer(GetParam().command, [](Bytes& response) {
-        response = make_upgrade_frame(2, response[2], hex("02 00 00 00 00"));
-    });
-    const bool is_version = GetParam().command == version_command;
-    const Lines tail{"[ERROR] slave msg length: 5\r",
-                     GetParam().refused + (is_version ? "5" : "0001"), GetParam().failed};
-    EXPECT_EQ(step_lines(upgrade.run()), joined(upgrade.lines_up_to(GetParam().command), tail));
+    for (const std::size_t length : {5U, 55U, 56U, 300U}) {
+        Upgrade upgrade;
+        upgrade.answer(GetParam().command, [length](Bytes& response) {
+            response = make_upgrade_frame(2, response[2], Bytes(length, 0x00));
+        });
+        const bool is_version = GetParam().command == version_command;
+        const Lines tail{"[ERROR] slave msg length: " + std::to_string(length) + "\r",
+                         GetParam().refused + (is_version ? "5" : "0001"), GetParam().failed};
+        EXPECT_EQ(step_lines(upgrade.run(unplugged_after_ms(60'000))),
+                  joined(upgrade.lines_up_to(GetParam().command), tail));
+    }
 }
 
 TEST_P(Ag3352UpgradeSteps, WrongTailFailsWithoutALineOfTheStep) {
@@ -652,9 +736,43 @@ TEST(Ag3352Upgrade, FirmwareThatShrinksDuringTheTransfer) {
     });
     ::testing::internal::CaptureStderr();
     const ToolRun run = upgrade.run();
-    EXPECT_NE(::testing::internal::GetCapturedStderr().find("could not be read to its end"),
-              std::string::npos);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "hint: the image has changed its length during the run\n");
     EXPECT_EQ(step_lines(run).back(), "[ERROR] Send Firmware failed!");
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+}
+
+TEST(Ag3352Upgrade, FirmwareOfAnotherLengthThanWasAnnounced) {
+    for (const std::uintmax_t length : {0U, 8999U, 9001U}) {
+        Upgrade upgrade;
+        upgrade.image = random_image(9000);
+        upgrade.answer(erase_command, [&upgrade, length](Bytes& /*response*/) {
+            std::filesystem::resize_file(upgrade.folder.path("app.bin"), length);
+        });
+        ::testing::internal::CaptureStderr();
+        const ToolRun run = upgrade.run();
+        EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+                  "hint: the image has changed its length during the run\n");
+        EXPECT_EQ(step_lines(run).back(), "[ERROR] Send Firmware failed!");
+        EXPECT_EQ(run.count("[SPEED]"), 0U) << "no frame of another image is sent";
+        EXPECT_EQ(run.result(), upgrade_failure(-1));
+    }
+}
+
+TEST(Ag3352Upgrade, FirmwareThatGrowsDuringTheTransfer) {
+    Upgrade upgrade;
+    upgrade.image = random_image(9000);
+    // A module that takes whatever comes: nothing else stops the run.
+    upgrade.answer(firmware_command, [&upgrade](Bytes& response) {
+        std::filesystem::resize_file(upgrade.folder.path("app.bin"), 20'000);
+        response = make_upgrade_frame(2, firmware_command, hex("02 04 00 00"));
+    });
+    ::testing::internal::CaptureStderr();
+    const ToolRun run = upgrade.run();
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "hint: the image has changed its length during the run\n");
+    EXPECT_EQ(step_lines(run), joined(upgrade.lines_up_to(0), {"[ERROR] Send Firmware failed!"}));
+    EXPECT_FALSE(contains(run.sent, command_frame(reboot_command, {2, 0})));
     EXPECT_EQ(run.result(), upgrade_failure(-1));
 }
 

@@ -1,6 +1,8 @@
 // The upgrade of the evaluation board.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "evaluation_board.h"
 #include "run/harness.h"
 #include "run/unplugged.h"
@@ -139,6 +141,40 @@ TEST_F(Evb, OtherWaitsHaveNoLimit) {
     EXPECT_EQ(run.family_lines().back(), "[ERROR] Erase Flash app area failed,err: 0x107");
     EXPECT_GE(run.duration_ms, 600'000U);
 }
+
+TEST_F(Evb, ResponseIsReadFiftyMillisecondsAtATime) {
+    on_response(0x03, [](Bytes& response) { response.clear(); });
+    // A read from a device that has vanished lasts its time-out, and is the last.
+    EXPECT_EQ(upgrade(unplugged_after_ms(60'000)).duration_ms, 60'050U);
+}
+
+TEST_F(Evb, SpeedIsCountedOneKibibyteHighFromTheLineBeforeTheFirstFrame) {
+    const ToolRun run = upgrade();
+    const auto lines = run.progress_lines();
+    ASSERT_EQ(lines.size(), 8U);
+    const long begun = time_of(run, "[SPEED] 0 Bytes/12000 Bytes    0 KBps");
+    EXPECT_EQ(lines[3], speed_line(run, 5120, 12000, 6, begun));
+    EXPECT_EQ(lines[5], speed_line(run, 10240, 12000, 11, begun));
+    EXPECT_EQ(lines[7], speed_line(run, 12000, 12000, 13024 / 1024.0, begun));
+}
+
+class EvbChangedImages : public Evb, public ::testing::WithParamInterface<std::uintmax_t> {};
+
+TEST_P(EvbChangedImages, AreRefusedOnceTheyHaveBeenAnnounced) {
+    on_response(0x03, [this](Bytes& /*response*/) {
+        std::filesystem::resize_file(folder_.path("fw.bin"), GetParam());
+    });
+    ::testing::internal::CaptureStderr();
+    const ToolRun run = upgrade();
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "hint: the image has changed its length during the run\n");
+    EXPECT_EQ(run.family_lines().back(), "[ERROR] Send bin failed,err: 0x107");
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+    EXPECT_EQ(run.closes, 1);
+    EXPECT_FALSE(board_.rebooted());
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, EvbChangedImages, ::testing::Values(0, 11'999, 12'001));
 
 TEST_F(Evb, StatusOfAResponseIsNotLookedAt) {
     board_.tamper = [](const UpgradeFrame& frame, Bytes& response) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 
 namespace orbix::test {
 
@@ -51,6 +52,22 @@ std::string as_hex(std::span<const std::uint8_t> bytes) {
         text += digits.data();
     }
     return text;
+}
+
+long time_of(const ToolRun& run, const std::string& text) {
+    const std::size_t line = run.output.rfind("\n[", run.output.find(text)) + 2;
+    return std::strtol(&run.output[line], nullptr, 10) * 1000 +
+           std::strtol(&run.output[run.output.find('.', line) + 1], nullptr, 10);
+}
+
+std::string speed_line(const ToolRun& run, int done, int total, double kbytes, long begun_ms) {
+    const std::string head =
+        "[SPEED] " + std::to_string(done) + " Bytes/" + std::to_string(total) + " Bytes    ";
+    const long taken_ms = time_of(run, head) - begun_ms;
+    std::array<char, 32> rate{};
+    std::snprintf(rate.data(), rate.size(), "%.1f KBps",
+                  kbytes * 1000 / static_cast<double>(taken_ms));
+    return head + rate.data();
 }
 
 bool contains(std::span<const std::uint8_t> whole, std::span<const std::uint8_t> part) {

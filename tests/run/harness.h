@@ -59,6 +59,13 @@ Bytes hex(const std::string& digits);
 /// The range as text of hex digits with blanks, for readable failures.
 std::string as_hex(std::span<const std::uint8_t> bytes);
 
+/// The time stamp of the first line that contains `text`, in ms.
+long time_of(const ToolRun& run, const std::string& text);
+
+/// The SPEED line of `done` bytes out of `total` as it must read: `kbytes` in the time from
+/// `begun_ms` to that line's own stamp.
+std::string speed_line(const ToolRun& run, int done, int total, double kbytes, long begun_ms);
+
 /// Whether `part` stands somewhere in `whole`.
 bool contains(std::span<const std::uint8_t> whole, std::span<const std::uint8_t> part);
 

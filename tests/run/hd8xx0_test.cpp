@@ -289,14 +289,18 @@ TEST_F(Hd8xx0Entry, CommandOnceAskedForIsSentWhateverTheLastModeWordIs) {
     EXPECT_EQ(run.result(), upgrade_success);
 }
 
-TEST_F(Hd8xx0Entry, LongArgumentsAreTakenWhole) {
+TEST_F(Hd8xx0Entry, LongPathsAreCutTo255Characters) {
     Hd8xx0Module module;
     const std::string name(5000, 'x');
+    const std::string cut(255, 'x');
     const ToolRun run(
         module, {"-m", "MX210A00", "-p", name, "-b", "115200", "-f", name, "-t", name, "-s", name});
     EXPECT_EQ(run.result(), upgrade_failure(259));
-    EXPECT_EQ(run.count("[ERROR] Fail to access " + name + ", errno: 36 (File name too long)\n"),
-              1U);
+    EXPECT_EQ(run.count("[INFO] Firmware: " + cut + "\n"), 1U);
+    EXPECT_EQ(run.count("[INFO] Slave device firmware: " + cut + "\n"), 1U);
+    EXPECT_EQ(
+        run.count("[ERROR] Fail to access " + cut + ", errno: 2 (No such file or directory)\n"),
+        1U);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -686,9 +690,13 @@ TEST_F(Hd8xx0Boot, ChipsRefusalsAreExpectedAsTheyAreAndNoOthers) {
     Hd8xx0Module wrong_chip(variant(1));
     const ToolRun run = boot(wrong_chip, random_image(100), 0);
     EXPECT_EQ(run.result(), upgrade_failure(-1));
+    const std::string query = "F1 D9 F4 07 01 00 02 FE E5";
+    EXPECT_TRUE(as_hex(run.sent).ends_with(query)) << "a flash ID of another length is ignored";
     Hd8xx0Module other(variant(0));
     const ToolRun second = boot(other, random_image(100), 1);
     EXPECT_EQ(second.result(), upgrade_failure(-1));
+    EXPECT_TRUE(as_hex(second.sent).ends_with(query));
+    EXPECT_EQ(second.count("Received NAK"), 0U) << "a refusal of another length is ignored";
 }
 
 TEST_F(Hd8xx0Boot, BlockIsSentFourTimes) {
@@ -736,6 +744,17 @@ TEST_F(Hd8xx0Boot, RefusedBlockIsLoggedAndSentAgain) {
     EXPECT_EQ(refused.result(), upgrade_success);
     EXPECT_EQ(refused.count("[ERROR] Received NAK\n"), 1U);
     EXPECT_EQ(refused.count("retry attempts: 1"), 1U);
+}
+
+TEST_F(Hd8xx0Boot, AcknowledgementBehindARefusalCounts) {
+    Hd8xx0Module module;
+    spoil_blocks(module, 1, 1,
+                 sim::make_korvane_frame(0x05, 0x00, hex("F4 05")) +
+                     sim::make_korvane_frame(0x05, 0x01, hex("F4 05")));
+    const ToolRun run = boot(module, random_image(5000));
+    EXPECT_EQ(run.result(), upgrade_success);
+    EXPECT_EQ(run.count("[ERROR] Received NAK\n"), 1U);
+    EXPECT_EQ(run.count("retry attempts"), 0U);
 }
 
 TEST_F(Hd8xx0Boot, LastAndFirstBlockAreNotRepeated) {
@@ -930,6 +949,23 @@ TEST_F(Hd8xx0User, ReplyIsFoundAmongOtherBytes) {
             }
         };
         EXPECT_EQ(user(module, random_image(100)).result(), upgrade_success) << around;
+    }
+}
+
+TEST_F(Hd8xx0User, TwentyBytesBehindTheChangeOfRateAreDropped) {
+    for (const std::size_t before : {19U, 20U}) {
+        Hd8xx0Module module;
+        // The reply to the second command comes already with the first one's.
+        module.tamper = [before](const KorvaneFrame& frame, Bytes& reply) {
+            if (frame.is(0x06, 0x00)) {
+                reply = Bytes(before) + sim::make_korvane_frame(0x05, 0x01, hex("06 50"));
+            } else if (frame.is(0x06, 0x50)) {
+                reply.clear();
+            }
+        };
+        const ToolRun run = user(module, random_image(100));
+        EXPECT_EQ(run.result(), before == 20 ? upgrade_success : upgrade_failure(-1));
+        EXPECT_EQ(run.count("[ERROR] SYNC time out 3000 ms\n"), before == 20 ? 0U : 1U);
     }
 }
 
@@ -1191,6 +1227,20 @@ TEST_F(Hd8xx0Master, BothProcessorsInOneRun) {
     EXPECT_EQ(run.count("[INFO] unzip ok, length:5000, md5 check ok\n"), 1U);
     EXPECT_EQ(run.closes, 1);
     EXPECT_EQ(run.opens, 1);
+}
+
+TEST_F(Hd8xx0Master, SpeedOfBothProcessorsIsCountedFromTheMastersFirstPacket) {
+    Hd8xx0Module module;
+    const ToolRun run =
+        update_both(module, random_image(2000), package_of(random_image(1500), "slave.cyfm"));
+    const auto lines = run.progress_lines();
+    ASSERT_EQ(lines.size(), 8U);
+    EXPECT_EQ(lines[1], "[SPEED] 1024 Bytes/2000 Bytes    0 KBps")
+        << "a synchronisation at the run's very begin does not start the clock";
+    const long begun = time_of(run, lines[1]);
+    EXPECT_EQ(lines[3], speed_line(run, 2000, 2000, 2000 / 1024.0, begun));
+    EXPECT_EQ(lines[5], speed_line(run, 1024, 1500, 1, begun));
+    EXPECT_EQ(lines[7], speed_line(run, 1500, 1500, 1500 / 1024.0, begun));
 }
 
 TEST_F(Hd8xx0Master, SlavePackageThatIsDamagedIs262AfterTheMasterWasUpdated) {

@@ -209,6 +209,20 @@ TEST(NmeaUpgrade, ReportsProgressAndTheRateSinceTheDialogueBegan) {
     }
 }
 
+TEST(NmeaUpgrade, RateCountsFromTheFirstPacketWhenTheModuleAnswersInTheFirstMillisecond) {
+    const TempDir folder;
+    UpgradeAgent module;
+    const ToolRun run(module, arguments(folder.write("fw.bin", random_image(5121))));
+    EXPECT_EQ(time_of(run, "Synchronize..."), 0);
+    const auto lines = run.progress_lines();
+    ASSERT_EQ(lines.size(), 4U);
+    // The clock has read 0 before, which does not start it.
+    EXPECT_EQ(lines[1], "[SPEED] 5120 Bytes/5121 Bytes    0 KBps");
+    const long begun = time_of(run, lines[1]);
+    EXPECT_GT(begun, 0);
+    EXPECT_EQ(lines[3], speed_line(run, 5121, 5121, 5121 / 1024.0, begun));
+}
+
 // --- replies ---
 
 struct StatusLine {

@@ -131,6 +131,7 @@ TEST(Rta500c, MissingParameters) {
         EXPECT_EQ(lines[lines.size() - 2], version_line);
         EXPECT_EQ(run.result(), upgrade_failure(258));
         EXPECT_EQ(run.opens, 0);
+        EXPECT_EQ(run.closes, 1);
     }
 }
 
@@ -146,6 +147,7 @@ TEST(Rta500c, FirmwareThatCannotBeRead) {
               "[ERROR] Fail to access " + absent + ", errno: 2 (No such file or directory)");
     EXPECT_EQ(without_file.result(), upgrade_failure(259));
     EXPECT_EQ(without_file.opens, 0);
+    EXPECT_EQ(without_file.closes, 1);
 
     const ToolRun with_folder = run_with_file(folder.path());
     EXPECT_EQ(with_folder.family_lines().back(),
@@ -165,6 +167,7 @@ TEST(Rta500c, PortThatCannotBeOpened) {
     const ToolRun run(module, with({"-p", "COM77", "-b", "115200", "-c", "app", "-f", image}));
     EXPECT_EQ(run.family_lines().back(), "[ERROR] Fail to open COM77");
     EXPECT_EQ(run.result(), upgrade_failure(260));
+    EXPECT_EQ(run.closes, 1) << "once, as on every way out";
     EXPECT_FALSE(run.left_open);
 }
 

@@ -142,6 +142,18 @@ TEST_F(Rx7040Download, SaysAndSendsExactlyThis) {
     EXPECT_TRUE(module.download_is_over());
 }
 
+TEST_F(Rx7040Download, SpeedOfBothPackagesIsCountedFromTheLoadersFirstLine) {
+    const ToolRun run = download();
+    const auto lines = run.progress_lines();
+    ASSERT_EQ(lines.size(), 10U);
+    const long begun = time_of(run, "[SPEED] 0 Bytes/1464 Bytes    0 KBps");
+    EXPECT_GT(begun, 0);
+    EXPECT_EQ(lines[3], speed_line(run, 1024, 1464, 2, begun));
+    EXPECT_EQ(lines[5], "[SPEED] 0 Bytes/3000 Bytes    0 KBps");
+    EXPECT_EQ(lines[7], speed_line(run, 1024, 3000, 2, begun));
+    EXPECT_EQ(lines[9], speed_line(run, 2048, 3000, 3, begun));
+}
+
 struct Sizes {
     std::size_t loader;
     std::size_t firmware;

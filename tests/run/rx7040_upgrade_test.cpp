@@ -1,7 +1,7 @@
 // The RX7040 upgrade by command frames, and the choice between the two procedures.
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <filesystem>
 
 #include "run/harness.h"
 #include "run/unplugged.h"
@@ -136,6 +136,15 @@ TEST_F(Rx7040Upgrade, FramesHoldAtMost5120Bytes) {
     EXPECT_TRUE(progress[5].starts_with("[SPEED] 5121 Bytes/5121 Bytes    "));
 }
 
+TEST_F(Rx7040Upgrade, SpeedIsCountedOneKibibyteHighFromTheLineBeforeTheFirstFrame) {
+    const ToolRun run = upgrade(6144);
+    const auto lines = run.progress_lines();
+    ASSERT_EQ(lines.size(), 6U);
+    const long begun = time_of(run, "[SPEED] 0 Bytes/6144 Bytes    0 KBps");
+    EXPECT_EQ(lines[3], speed_line(run, 5120, 6144, 6, begun));
+    EXPECT_EQ(lines[5], speed_line(run, 6144, 6144, 7, begun));
+}
+
 TEST_F(Rx7040Upgrade, EveryCommandIsGivenTwentyMilliseconds) {
     const ToolRun run = upgrade(1);
     const auto pauses = run.pauses();
@@ -252,6 +261,31 @@ TEST_F(Rx7040Upgrade, SilenceAfterACommandIsWaitedFor) {
     const ToolRun run = upgrade(100, one_day);
     EXPECT_TRUE(run.hit_time_limit);
 }
+
+TEST_F(Rx7040Upgrade, ResponseIsReadHalfASecondAtATime) {
+    on_response(0x03, [](Bytes& response) { response.clear(); });
+    // A read from a device that has vanished lasts its time-out, and is the last.
+    EXPECT_EQ(upgrade(100, unplugged_after_ms(60'000)).duration_ms, 60'500U);
+}
+
+class Rx7040ChangedImages : public Rx7040Upgrade,
+                            public ::testing::WithParamInterface<std::uintmax_t> {};
+
+TEST_P(Rx7040ChangedImages, AreRefusedOnceTheyHaveBeenAnnounced) {
+    on_response(0x03, [this](Bytes& /*response*/) {
+        std::filesystem::resize_file(folder_.path("app.pkg"), GetParam());
+    });
+    ::testing::internal::CaptureStderr();
+    const ToolRun run = upgrade(6000);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "hint: the image has changed its length during the run\n");
+    EXPECT_EQ(run.family_lines().back(), "[ERROR] Send firmware failed,err: 0x107");
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+    EXPECT_TRUE(run.left_open);
+    EXPECT_EQ(run.count("Retry"), 0U) << "no frame of another image is sent";
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, Rx7040ChangedImages, ::testing::Values(0, 5999, 6001));
 
 struct Refusal {
     std::uint8_t id;

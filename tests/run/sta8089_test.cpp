@@ -497,6 +497,12 @@ TEST(Sta8089Normal, WhatWasBrokenOffStandsBeforeTheNextSentence) {
                       arguments(folder.write("app.bin", random_image(10)), {"-t", "normal"}));
     // The scan goes on behind the dollar sign where it began, and meets "$B" twice.
     EXPECT_EQ(run.count("[INFO] $A$B$B$PSTMFWUPGRADEOK*5F\n"), 1U);
+
+    // The answer may stand in what was broken off.
+    ScriptedReceiver chatty({"$PSTMFWUPGRADEOK, all well*00\r\n$GPRMC*00\r\n"});
+    const ToolRun broken_off(
+        chatty, arguments(folder.write("app.bin", random_image(10)), {"-t", "normal"}));
+    EXPECT_EQ(broken_off.count("[INFO] $PSTMFWUPGRADEOK,$GPRMC*00\n"), 1U);
 }
 
 TEST(Sta8089Normal, IncompleteSentencesAreNoPresence) {

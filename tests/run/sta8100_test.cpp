@@ -315,8 +315,9 @@ TEST(Sta8100Recovery, SilentModuleIsGivenUpAfterFiveSecondsWithoutAnEntryLine) {
                      {"[INFO] Synchronize...", "[INFO] Please power up the module within 5s.",
                       "[ERROR] SYNC time out 5000 ms"}));
     EXPECT_EQ(run.result(), upgrade_failure(-1));
-    EXPECT_GT(run.duration_ms, 5500U);
-    EXPECT_LT(run.duration_ms, 5500U + 800U) << "the pass under way is brought to its end";
+    // The pass under way after five seconds, the eighth, is brought to its end.
+    constexpr double pass_ms = 8000 * 10 / 115.2 + 5;
+    EXPECT_NEAR(static_cast<double>(run.duration_ms), 500 + 8 * pass_ms, 8);
     EXPECT_EQ(run.sent.size() % 8000, 0U);
     EXPECT_EQ(run.closes, 1);
 }
@@ -527,6 +528,13 @@ TEST(Sta8100Normal, AnswerWithinASentenceThatIsTooLongCounts) {
     const std::string filling(184, 'A');
     EXPECT_EQ(answer_to({"$PSTMFWUPGRADEOK" + filling + "B"}), "[INFO] $PSTMFWUPGRADEOK" + filling);
     EXPECT_EQ(answer_to({"$" + filling + filling + "PSTMFWUPGRADEOK\r\n"}), fall_back_line);
+}
+
+TEST(Sta8100Normal, ZeroByteEndsTheTextOfASentence) {
+    using namespace std::string_literals;
+    EXPECT_EQ(answer_to({"$GPTXT\0PSTMFWUPGRADEOK*5F\r\n"s}), fall_back_line);
+    EXPECT_EQ(answer_to({"$GPTXT\0$PZRNFWUPGRADEERROR*00\r\n"s}), fall_back_line);
+    EXPECT_EQ(answer_to({"$PSTMFWUPGRADEOK\0,more*5F\r\n"s}), "[INFO] $PSTMFWUPGRADEOK");
 }
 
 TEST(Sta8100Normal, EachReadIsLookedAtFromItsOwnDollarSignOn) {
@@ -911,6 +919,14 @@ TEST(Sta8100AppBoot, ImageThatShrinksDuringTheRunIsAFailure) {
     EXPECT_EQ(run.count("[SPEED] 10000 Bytes/20000 Bytes"), 1U);
     EXPECT_EQ(run.family_lines(), app_lines(path, {"[INFO] Write Memory...", app_failed}));
     EXPECT_EQ(run.result(), upgrade_failure(-1));
+}
+
+TEST(Sta8100AppBoot, NumberOfABlockHasSixteenBits) {
+    EXPECT_EQ(as_hex(sta8100::address_of_block(0)), "08 00 00 00 08");
+    EXPECT_EQ(as_hex(sta8100::address_of_block(0x1234)), "08 12 34 00 2E");
+    EXPECT_EQ(as_hex(sta8100::address_of_block(0xFFFF)), "08 FF FF 00 08");
+    EXPECT_EQ(as_hex(sta8100::address_of_block(0x10000)), "08 00 00 00 08");
+    EXPECT_EQ(as_hex(sta8100::address_of_block(0x10001)), "08 00 01 00 09");
 }
 
 TEST(Sta8100AppBoot, XorChecksum) {

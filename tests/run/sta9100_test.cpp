@@ -195,6 +195,24 @@ TEST(Sta9100, SyncAnswerBehindItsOwnFirstByteIsMissed) {
     EXPECT_EQ(run.family_lines().back(), "[ERROR] Sync module failed.Upgrade failed.");
 }
 
+/// A chip that gives the answer to the sync word unasked, before it is called.
+class EagerChip : public SilentModule {
+  public:
+    void power_on(sim::Micros /*now*/, sim::Wire& wire) override {
+        wire.send(hex("3A 54 2C A6"), milliseconds(300));
+    }
+};
+
+TEST(Sta9100, WhatCameBeforeTheFirstSyncWordIsSeen) {
+    const TempDir folder;
+    EagerChip module;
+    const ToolRun run(module, arguments(folder.write("app.bin", short_image)));
+    EXPECT_EQ(run.discards, 0);
+    EXPECT_EQ(run.count("[INFO] Check baudrate...\n"), 1U);
+    EXPECT_EQ(as_hex(run.sent), "FD C6 49 28 71") << "one word, then the next step";
+    EXPECT_EQ(run.family_lines().back(), "[ERROR] Change Baud Rate failed.Upgrade failed.");
+}
+
 TEST(Sta9100, ReadWithTheSyncAnswerIsDroppedUpToTenBytes) {
     const TempDir folder;
     const std::string path = folder.write("app.bin", short_image);

@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <string>
 #include <utility>
@@ -15,13 +14,6 @@
 #include "teseo_loader.h"
 
 namespace orbix::test {
-
-/// The time stamp of the first line that contains `text`, in ms.
-inline long time_of(const ToolRun& run, const std::string& text) {
-    const std::size_t line = run.output.rfind("\n[", run.output.find(text)) + 2;
-    return std::strtol(&run.output[line], nullptr, 10) * 1000 +
-           std::strtol(&run.output[run.output.find('.', line) + 1], nullptr, 10);
-}
 
 using Tamper = std::function<void(sim::TeseoStep step, Bytes& answer)>;
 

@@ -361,8 +361,29 @@ TEST(Zpx710pDownload, AnImageThatShrinksDuringTheRunIsAFailure) {
             std::filesystem::resize_file(path, 10'000);
         }
     };
+    ::testing::internal::CaptureStderr();
     const ToolRun run(module, arguments(path));
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "hint: the image could not be read to its end\n");
     EXPECT_EQ(run.count("[SPEED] 10000 Bytes/20000 Bytes"), 1U);
+    EXPECT_EQ(run.family_lines().back(), "[ERROR] Send FW failed");
+    EXPECT_EQ(run.result(), upgrade_failure(-1));
+}
+
+TEST(Zpx710pDownload, AnImageThatGrowsDuringTheRunIsAFailure) {
+    const TempDir folder;
+    const std::string path = folder.write("app.bin", random_image(10'000));
+    Zpx710pRomLoader module;
+    module.tamper = [&path](Question question, Bytes& /*answer*/) {
+        if (question == Question::address) {
+            std::filesystem::resize_file(path, 10'100);
+        }
+    };
+    ::testing::internal::CaptureStderr();
+    const ToolRun run(module, arguments(path));
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "hint: the image could not be read to its end\n");
+    EXPECT_EQ(run.count("[ERROR]"), 1U);
     EXPECT_EQ(run.family_lines().back(), "[ERROR] Send FW failed");
     EXPECT_EQ(run.result(), upgrade_failure(-1));
 }

@@ -356,6 +356,8 @@ TEST(Starting, UsageErrorsHaveOneClearLine) {
              Row{Words{"P1", "--"} + flash + Words{"-p", "P2"}, "-p is set by the station"},
              Row{Words{"P1", "--"} + flash + Words{"-Dp", "P2"}, "-p is set by the station"},
              Row{Words{"P1", "--"} + flash + Words{"-S"}, "-S flashes nothing"},
+             Row{Words{"P1", "--"} + flash + Words{"--S"}, "-S flashes nothing"},
+             Row{Words{"P1", "--"} + flash + Words{"--p", "P2"}, "-p is set by the station"},
              Row{Words{"P1", "--"} + flash + Words{"-h"}, "-h flashes nothing"},
              Row{Words{"P1", "--"} + flash + Words{"-v"}, "-v flashes nothing"},
              Row{Words{"P1", "--"} + flash + Words{"-f"}, "-f lacks its value"},

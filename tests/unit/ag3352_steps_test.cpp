@@ -50,6 +50,33 @@ TEST(Ag3352Steps, Sync) {
     EXPECT_EQ(synchronise({{30, first_answer}, {120, second_answer}}), 0);
 }
 
+TEST(Ag3352Steps, SyncHearsTheAnswerToAProbeSentBeforeTheDeadlineToItsEnd) {
+    // The last probe is sent 19.98 s after the start and listened to until 20.05 s.
+    EXPECT_EQ(synchronise({{20'024, first_answer}, {20'110, second_answer}}), 0);
+    // Byte by byte, each before the line counts as silent.
+    EXPECT_EQ(synchronise({{20'010, hex("4D")},
+                           {20'050, hex("3A")},
+                           {20'090, hex("FC")},
+                           {20'130, hex("AA")},
+                           {20'210, second_answer}}),
+              0);
+    EXPECT_EQ(synchronise({{20'060, first_answer}, {20'150, second_answer}}), 1024)
+        << "nothing came while the last probe's answer was awaited";
+}
+
+TEST(Ag3352Steps, SyncLeavesALineThatIsNeverSilentSoonAfterTheDeadline) {
+    for (const std::uint64_t first_ms : {0U, 19'990U}) {
+        TalkingModule::Script script;
+        for (std::uint64_t at_ms = first_ms; at_ms < 30'000; at_ms += 10) {
+            script.push_back({at_ms, hex("24")});
+        }
+        const Bench bench(script);
+        EXPECT_EQ(Ag3352_Upgrade_Sync(bench.handle()), 1024);
+        EXPECT_GT(bench.elapsed_ms(), 20'000U);
+        EXPECT_LT(bench.elapsed_ms(), first_ms == 0 ? 20'100U : 21'100U);
+    }
+}
+
 using Step = std::function<int(SerialHandle handle)>;
 
 /// The step's code when the module says that. A silent one is gone after a while.
@@ -83,7 +110,8 @@ TEST(Ag3352Steps, FirmwareInformation) {
     const TempDir folder;
     const auto with_path = [](const std::string& path) {
         return [path](SerialHandle handle) {
-            return Ag3352_Upgrade_SendFirmwareInfo(handle, path.c_str());
+            int announced = 0;
+            return Ag3352_Upgrade_SendFirmwareInfo(handle, path.c_str(), announced);
         };
     };
     expect_codes(with_path(folder.write("app.bin", random_image(100))), acknowledgements);
@@ -97,7 +125,7 @@ TEST(Ag3352Steps, Firmware) {
     const TempDir folder;
     const auto with_path = [](const std::string& path) {
         return [path](SerialHandle handle) {
-            return Ag3352_Upgrade_SendFirmware(handle, path.c_str());
+            return Ag3352_Upgrade_SendFirmware(handle, path.c_str(), 100);
         };
     };
     const Step step = with_path(folder.write("app.bin", random_image(100)));

@@ -206,6 +206,22 @@ TEST_F(UartTest, DumpsShowUpToAHundredBytes) {
     Bytes buffer(200);
     EXPECT_EQ(serial_read(handle, buffer, 100), 101U);
     EXPECT_EQ(text(), before) << "neither a byte write nor a long read is dumped";
+    module_.answer = {{Bytes(100, 0x22), 0}};
+    serial_write_byte(handle, 1);
+    EXPECT_EQ(serial_read(handle, buffer, 100), 100U);
+    std::string digits;
+    for (int byte = 0; byte < 100; ++byte) {
+        digits += "22 ";
+    }
+    EXPECT_TRUE(text().ends_with("[DEBUG] recv to module -- < " + digits + ",ret:100\n")) << text();
+}
+
+TEST_F(UartTest, DumpOfAWriteOfWhichNothingWentOutIsEmpty) {
+    const SerialHandle handle = open();
+    serial_enable_debug();
+    line_.unplug();
+    EXPECT_EQ(serial_write(handle, ten), 0U);
+    EXPECT_EQ(text(), "[000.000][DEBUG] send to module -- < \n");
 }
 
 TEST_F(UartTest, WritesReturnTheirCount) {

@@ -250,14 +250,48 @@ TEST(UpgradeProtocolReceive, SilenceLastsUntilTheDeviceIsGone) {
 TEST(UpgradeProtocolReceive, NothingIsStoredBehindTheBuffer) {
     // The announced length is far beyond the buffer; more bytes follow than it holds.
     expect_endless(receive({{0, joined(hex("AA 02 03 FF FF"), Bytes(300, 0x11))}}, 16));
-    expect_endless(receive({{0, sealed(joined(hex("02 03 00 C8"), Bytes(200, 0x11)))}}, 64));
 }
 
-TEST(UpgradeProtocolReceive, TheCrcMustFitTheBufferTheTailNeedNot) {
-    const Reception reception = receive({{0, acknowledgement}}, acknowledgement.size() - 1);
-    EXPECT_EQ(reception.result, 0);
-    EXPECT_TRUE(
-        std::equal(reception.buffer.begin(), reception.buffer.end(), acknowledgement.begin()));
+TEST(UpgradeProtocolReceive, AFrameIsTakenWholeHoweverLittleTheBufferHolds) {
+    for (std::size_t capacity = 1; capacity <= acknowledgement.size(); ++capacity) {
+        const Reception reception = receive({{0, acknowledgement}}, capacity);
+        EXPECT_EQ(reception.result, 0);
+        EXPECT_TRUE(
+            std::equal(reception.buffer.begin(), reception.buffer.end(), acknowledgement.begin()));
+    }
+}
+
+/// A frame with a payload of that length.
+Bytes long_frame(std::size_t length) {
+    const Bytes head{0x02, 0x03, static_cast<std::uint8_t>(length >> 8),
+                     static_cast<std::uint8_t>(length)};
+    return sealed(joined(head, random_image(length)));
+}
+
+TEST(UpgradeProtocolReceive, FramesLongerThanTheBufferEndWithTheirTail) {
+    for (const std::size_t length : {55U, 56U, 57U, 200U, 255U, 256U, 65'535U}) {
+        const Bytes frame = long_frame(length);
+        const Bench bench({{0, joined(frame, acknowledgement)}});
+        ResponseBuffer buffer{};
+        EXPECT_EQ(Kv_Upgrade_ReceiveFrame(bench.handle(), buffer), 0) << length;
+        EXPECT_TRUE(std::equal(buffer.begin(), buffer.end(), frame.begin())) << length;
+        EXPECT_EQ(Kv_Upgrade_ReceiveFrame(bench.handle(), buffer), 0) << length;
+        EXPECT_TRUE(std::equal(acknowledgement.begin(), acknowledgement.end(), buffer.begin()))
+            << length << ": the next frame begins right behind";
+        EXPECT_EQ(receive({{0, frame}}).result, 0) << length;
+    }
+}
+
+TEST(UpgradeProtocolReceive, LongFramesAreCheckedLikeShortOnes) {
+    const Bytes frame = long_frame(200);
+    Bytes tail = frame;
+    tail.back() ^= 0x01;
+    EXPECT_EQ(receive({{0, tail}}).result, 1026);
+    for (const std::size_t damaged : {1U, 63U, 64U, 204U, 205U, 208U}) {
+        Bytes bytes = frame;
+        bytes[damaged] ^= 0x01;
+        expect_endless(receive({{0, joined(bytes, acknowledgement)}}));
+    }
 }
 
 TEST(UpgradeProtocolReceive, MissingBufferOrPort) {

@@ -76,8 +76,8 @@ TEST(WindowsStation, TwoModulesSideBySideOneOfThemFaulty) {
     const Bytes image = random_image(30'000);
     folder.write("app.bin", image);
     const std::string dump = folder.path("flash.dump");
-    SimulatedModule good("TR52G", {"--rate", fast, "--instant", "--dump", dump});
-    const SimulatedModule faulty("TR52G", {"--rate", fast, "--instant", "--faults", silent_soon});
+    SimulatedModule good("TR52G", {"--rate", fast, "--dump", dump});
+    const SimulatedModule faulty("TR52G", {"--rate", fast, "--faults", silent_soon});
     const ComPort first("com12", good.port());
     const ComPort second("com13", faulty.port());
     const int http = free_port();
@@ -135,7 +135,7 @@ TEST(WindowsStation, AnAbsentPortIsToldAsThat) {
 /// station is killed.
 struct StalledRun {
     TempDir folder;
-    SimulatedModule module{"TR52G", {"--rate", fast, "--instant", "--faults", silent_soon}};
+    SimulatedModule module{"TR52G", {"--rate", fast, "--faults", silent_soon}};
     ComPort port{"com12", module.port()};
     std::string image = folder.write("app.bin", random_image(30'000));
     Background station{find_wine(), station_words({"COM12"}), folder.path()};

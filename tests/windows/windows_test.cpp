@@ -65,9 +65,6 @@ Lines run_scenario(const Scenario& scenario, bool on_windows) {
     const std::string dump = folder.path("flash.dump");
     std::vector<std::string> options = scenario.simulator;
     options.insert(options.end(), {"--dump", dump});
-    if (on_windows) {
-        options.emplace_back("--instant");  // Wine's writes do not wait for the line
-    }
     SimulatedModule module(scenario.model, options);
     std::vector<std::string> arguments{"-m", scenario.model, "-p", "COM12"};
     const auto more = scenario.arguments(folder);
@@ -184,8 +181,11 @@ INSTANTIATE_TEST_SUITE_P(Runs, Windows, ::testing::ValuesIn(scenarios),
                          [](const auto& parameter) { return parameter.param.name; });
 
 TEST(WindowsProgram, ListAndUsageAreTheSame) {
-    for (const std::vector<std::string>& arguments :
-         std::vector<std::vector<std::string>>{{"-S"}, {"-p", "COM1"}, {"-m", "nosuch"}}) {
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"-S"},
+             {"-p", "COM1"},
+             {"-m", "nosuch"},
+             {"word", "--m", "nosuch", "word", "--zDb9600", "--", "-R1"}}) {
         const auto linux_run = comparable(run_program("orbix_flash", arguments).output, false);
         auto windows_run = comparable(run_on_windows(arguments).output, true);
         ASSERT_EQ(windows_run.size(), linux_run.size());
@@ -206,6 +206,43 @@ TEST(WindowsProgram, AbsentPort) {
     EXPECT_NE(run.output.find(upgrade_failure(-1) + "\r\n"), std::string::npos);
 }
 
+TEST(WindowsProgram, DevicePathIsCutTo31Characters) {
+    const TempDir folder;
+    folder.write("loader.pkg", random_image(100));
+    folder.write("fw.pkg", random_image(100));
+    const SimulatedModule module("MX290B");
+    const std::string name(27, 'p');  // behind the four characters that lead every device path
+    const ComPort port(name, module.port());
+    const Finished run = run_on_windows(
+        {"-m", "MX290B", "-p", name + "xx", "-L", "loader.pkg", "-f", "fw.pkg", "-t", "DL"},
+        folder.path());
+    EXPECT_NE(run.output.find(upgrade_success), std::string::npos) << run.output;
+}
+
+/// The clock of the lines, in milliseconds, in the first one that holds the text.
+int stamp_of(const std::string& output, const std::string& text) {
+    const std::regex line(R"(\[(\d{3,})\.(\d{3})\])" + text);
+    std::smatch found;
+    EXPECT_TRUE(std::regex_search(output, found, line)) << output;
+    return found.empty() ? 0 : std::stoi(found[1]) * 1000 + std::stoi(found[2]);
+}
+
+/// Wine hands bytes on at once, as an adapter with a long queue does: that they take their time on
+/// the line shows in the clock alone.
+TEST(WindowsProgram, WritesAreWaitedForUntilTheLineHasCarriedThem) {
+    const TempDir folder;
+    const int size = 6000;
+    const int rate = 57'600;
+    folder.write("app.bin", random_image(size));
+    const SimulatedModule module("TR52G", {"--rate", std::to_string(rate), "--instant"});
+    const ComPort port("com12", module.port());
+    const Finished run = run_on_windows(
+        {"-m", "TR52G", "-p", "COM12", "-b", std::to_string(rate), "-f", "app.bin", "-t", "UPG"},
+        folder.path());
+    EXPECT_GE(stamp_of(run.output, R"(\[SUCCESS\])") - stamp_of(run.output, ".*Sync success"),
+              size * 10 * 1000 / rate);
+}
+
 TEST(WindowsProgram, PathsWithBlanksAndLettersOfTheAnsiCodePage) {
     const TempDir folder;
     const std::string name = "f\u00fcr M\u00f6dul 1/app \u00e4.bin";
@@ -223,6 +260,30 @@ TEST(WindowsProgram, PathsWithBlanksAndLettersOfTheAnsiCodePage) {
         << "the name stays in the ANSI code page";
     module.stop();
     EXPECT_TRUE(dump_holds(dump, 0x9000, small_image));
+}
+
+/// Letters of the ANSI code page whose numbers there are not those of Unicode.
+TEST(WindowsProgram, PackageFolderWithLettersOutsideLatin1) {
+    const TempDir folder;
+    const std::string package = "fw\u20131 \u20ac";
+    std::filesystem::create_directory(folder.path(package));
+    folder.write(package + "/app.bin", small_image);
+    folder.write(package + "/flash_download.cfg",
+                 std::string("rom:\n    file: app.bin\n    begin_address: 0x08013000\n"));
+    folder.write("agent.bin", random_image(43956));
+    const std::string dump = folder.path("flash.dump");
+    SimulatedModule module("TR52G", {"--instant", "--dump", dump});
+    const ComPort port("com12", module.port());
+    const Finished run = run_on_windows(
+        {"-m", "TR52G", "-p", "COM12", "-b", fast, "-d", package, "-s", "agent.bin", "-t", "DL"},
+        folder.path());
+    EXPECT_NE(run.output.find(upgrade_success), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("fw\x96"
+                              "1 \x80/flash_download.cfg\r\n"),
+              std::string::npos)
+        << run.output;
+    module.stop();
+    EXPECT_TRUE(holds(read_file(dump), 0x13000, small_image));
 }
 
 }  // namespace
