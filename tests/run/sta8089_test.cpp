@@ -757,7 +757,7 @@ TEST(Sta8089Faults, UnpluggedAtAnyByteTheRunFails) {
                 TeseoChip module(running(UpgradeAnswer::accepted));
                 return ToolRun(module, arguments(path, {"-t", mode}), conditions);
             },
-            {.start = 100, .step_at_start = 1, .step = 3001, .most_ms = 130'000});
+            {.start = 100, .step_at_start = 1, .step = 3001, .closes = 1, .most_ms = 130'000});
     }
 }
 

@@ -1057,7 +1057,7 @@ TEST(Sta8100Faults, UnpluggedInAnyStepTheRunFails) {
                 module.app().flash().fill(0x00);
                 return ToolRun(module, arguments(path, way), conditions);
             },
-            {.start = 60, .step_at_start = 7, .step = 2001, .most_ms = 400'000});
+            {.start = 60, .step_at_start = 7, .step = 2001, .closes = 1, .most_ms = 400'000});
     }
 }
 

@@ -425,7 +425,7 @@ TEST(Sta9100Faults, UnpluggedAtAnyByteTheRunFails) {
             TeseoChip module(quiet());
             return ToolRun(module, arguments(path), conditions);
         },
-        {.start = 60, .step_at_start = 1, .step = 1499, .most_ms = 70'000});
+        {.start = 60, .step_at_start = 1, .step = 1499, .closes = 1, .most_ms = 70'000});
 }
 
 TEST(Sta9100Faults, LostByteOfTheLoaderIsATimeOut) {
