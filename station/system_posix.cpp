@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -76,7 +77,13 @@ std::FILE* create_file(const std::string& path) {
 
 std::FILE* append_to_file(const std::string& path) {
     const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-    return descriptor < 0 ? nullptr : fdopen(descriptor, "a");
+    std::FILE* const file = descriptor < 0 ? nullptr : fdopen(descriptor, "a");
+    if (file == nullptr && descriptor >= 0) {
+        const int reason = errno;
+        close(descriptor);
+        errno = reason;
+    }
+    return file;
 }
 
 std::string own_folder() {
