@@ -25,7 +25,7 @@ struct Options {
     bool plain = false;                         ///< plain lines also on a terminal
 };
 
-/// Longer than the longest stated silence of orbix_flash: an erase of three minutes.
+/// Longer than the longest single wait of orbix_flash that has a limit: an erase of three minutes.
 inline constexpr std::chrono::seconds default_silence_limit{240};
 
 /// Longer than 4 MiB at 9600 baud, the slowest transfer of the largest image.

@@ -31,7 +31,8 @@ unsigned serial_read(SerialHandle handle, std::span<std::uint8_t> buffer, unsign
 unsigned serial_read_until(SerialHandle handle, std::span<std::uint8_t> buffer,
                            unsigned timeout_ms);
 
-/// Writes the bytes and returns when they have left the port, with the number written.
+/// Writes the bytes. They have left the port before anything else is done with it, and before the
+/// time-out of a read begins. Returns the number written.
 unsigned serial_write(SerialHandle handle, std::span<const std::uint8_t> bytes);
 
 /// Writes one byte, never dumped. Returns 1, or 0 when it could not be written.

@@ -12,6 +12,7 @@ namespace orbix {
 class OptionScan {
   public:
     /// `letters` is an option string as `getopt` takes it. Each scan starts at the first argument.
+    /// There are no long options: of "--m" the second dash is an unknown letter, and -m follows.
     OptionScan(int argc, char** argv, const char* letters);
 
     /// The next option letter, '?' for one that is not in the string, -1 at the end.

@@ -35,12 +35,14 @@ struct Backend {
 
     /// Reads up to `buffer.size()` bytes. Returns as soon as the buffer is full, when
     /// `total_ms` have passed since the call (0: no such limit), or, with an `interval_ms` other
-    /// than 0, when the line has been quiet for that long since the last byte. Returns the number
-    /// of bytes, 0 on a time-out, or -1 at once when the device is gone.
+    /// than 0, when the line has been quiet for that long since the last byte. While written bytes
+    /// are still under way, the times begin when they have left. Returns the number of bytes, 0 on
+    /// a time-out, or -1 at once when the device is gone.
     int (*read)(Port port, std::span<std::uint8_t> buffer, unsigned interval_ms, unsigned total_ms);
 
-    /// Writes all bytes and returns when they have left the port. Returns the number of bytes
-    /// written, or -1 when nothing could be written because the device is gone.
+    /// Writes all bytes. They have left the port when it returns, or, of a few bytes, before the
+    /// next of these functions does anything but read: the wait for them is left to that. Returns
+    /// the number of bytes written, or -1 when nothing could be written because the device is gone.
     int (*write)(Port port, std::span<const std::uint8_t> bytes);
 
     /// Drops the bytes received and not yet read. Nothing that was written is lost.
