@@ -69,9 +69,8 @@ std::string trimmed(std::string_view text) {
     return std::string(text);
 }
 
-/// The layout file of a package: the first whose name begins with "flash_download.cfg".
-std::string layout_of(const std::filesystem::path& folder) {
-    constexpr std::string_view name = "flash_download.cfg";
+/// The layout file of a package: the first whose name begins with that one.
+std::string layout_of(const std::filesystem::path& folder, const std::string& name) {
     std::error_code failure;
     for (std::filesystem::directory_iterator entry(folder, failure), end; !failure && entry != end;
          entry.increment(failure)) {
@@ -96,7 +95,7 @@ std::vector<std::string> images_of(const std::string& layout) {
 
 std::vector<std::string> package_paths(const FlashArguments& arguments) {
     const std::filesystem::path folder = arguments.folder;
-    const std::string layout = layout_of(folder);
+    const std::string layout = layout_of(folder, arguments.layout);
     std::vector<std::string> chosen;
     std::stringstream list(arguments.image);
     for (std::string name; std::getline(list, name, ',');) {
@@ -170,6 +169,9 @@ FlashArguments read_flash_arguments(const std::vector<std::string>& words) {
                 break;
             case 'd':
                 arguments.folder = value;
+                break;
+            case 'g':
+                arguments.layout = value;
                 break;
             case 's':
                 arguments.second = value;

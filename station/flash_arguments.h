@@ -12,9 +12,11 @@ struct FlashArguments {
     std::string mode;                ///< -t
     std::string image;               ///< -f: a file, or the files of a package
     std::string folder;              ///< -d
-    std::string second;              ///< -s: a download agent, or a second package
-    std::string loader;              ///< -L
-    bool readback = false;           ///< -o
+    std::string layout =
+        "flash_download.cfg";  ///< -g: with what the name of a package's layout begins
+    std::string second;        ///< -s: a download agent, or a second package
+    std::string loader;        ///< -L
+    bool readback = false;     ///< -o
 };
 
 /// Reads them as orbix_flash does. Throws std::invalid_argument with one clear line when the

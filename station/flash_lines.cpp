@@ -273,6 +273,10 @@ void FlashLines::take_error_output(std::string_view line) {
     }
     if (take_prefix(line, "hint: ")) {
         hint = line;
+        if (line.starts_with("the package has no image to write")) {
+            failures_.emplace_back(line);
+            nothing_flashed_ = Cause::file;
+        }
     }
 }
 

@@ -35,9 +35,6 @@ constexpr auto event_interval = 200ms;
 constexpr auto comment_interval = 10s;
 /// How soon a stream with no news sees that its viewer, or the page, has gone.
 constexpr auto look_interval = 250ms;
-/// A request has to be there within this time, and what is sent has to be taken within that one.
-constexpr auto request_limit = 3s;
-constexpr auto stall_limit = 2s;
 /// How long the page, at its end, leaves to the viewers to take the last event.
 constexpr auto farewell_limit = 500ms;
 
@@ -122,7 +119,8 @@ class KeptPipeSignal {
 /// the socket.
 class Connection : public httplib::Stream {
   public:
-    explicit Connection(socket_t socket) : socket_(socket) {}
+    Connection(socket_t socket, milliseconds request_limit)
+        : socket_(socket), deadline_(Clock::now() + request_limit) {}
 
     bool is_readable() const override {
         const auto left = std::chrono::ceil<milliseconds>(deadline_ - Clock::now());
@@ -169,12 +167,14 @@ class Connection : public httplib::Stream {
     }
 
     socket_t socket_;
-    Clock::time_point deadline_ = Clock::now() + request_limit;
+    Clock::time_point deadline_;
 };
 
 /// httplib's server with one request a connection, whose connections can be cut off.
 class CuttableServer : public httplib::Server {
   public:
+    explicit CuttableServer(milliseconds request_limit) : request_limit_(request_limit) {}
+
     /// Ends all connections, and each that is yet to be served.
     void cut() {
         const std::scoped_lock lock(mutex_);
@@ -194,7 +194,7 @@ class CuttableServer : public httplib::Server {
                 shutdown(socket, both_ways);
             }
         }
-        Connection connection(socket);
+        Connection connection(socket, request_limit_);
         bool wants_close = false;
         const bool served = process_request(connection, true, wants_close, {});
         const std::scoped_lock lock(mutex_);
@@ -204,14 +204,15 @@ class CuttableServer : public httplib::Server {
         return served;
     }
 
+    milliseconds request_limit_;
     std::mutex mutex_;
     std::set<socket_t> sockets_;
     bool is_cut_ = false;
 };
 
-std::unique_ptr<CuttableServer> make_server() {
+std::unique_ptr<CuttableServer> make_server(milliseconds request_limit) {
     [[maybe_unused]] const KeptPipeSignal kept;
-    return std::make_unique<CuttableServer>();
+    return std::make_unique<CuttableServer>(request_limit);
 }
 
 // --- addresses -----------------------------------------------------------------------------------
@@ -290,7 +291,7 @@ PageAddress page_address(const std::string& text) {
 // --- the page ------------------------------------------------------------------------------------
 
 struct Page::Server {
-    Server(const Board& shown, const PageAddress& address);
+    Server(const Board& shown, const PageAddress& address, const PageLimits& limits);
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
@@ -313,7 +314,7 @@ struct Page::Server {
     void viewer_left();
 
     const Board& board;
-    std::unique_ptr<CuttableServer> http = make_server();
+    std::unique_ptr<CuttableServer> http;
     int port = 0;
 
     std::mutex mutex;
@@ -348,14 +349,15 @@ std::string event(const std::string& name, const nlohmann::json& data) {
 
 }  // namespace
 
-Page::Server::Server(const Board& shown, const PageAddress& address) : board(shown) {
+Page::Server::Server(const Board& shown, const PageAddress& address, const PageLimits& limits)
+    : board(shown), http(make_server(limits.request)) {
     using httplib::Request;
     using httplib::Response;
     using Handled = httplib::Server::HandlerResponse;
 
     http->new_task_queue = [] { return new httplib::ThreadPool(viewer_limit + spare_threads); };
     http->set_socket_options(claim_address);
-    http->set_write_timeout(stall_limit);
+    http->set_write_timeout(limits.stall);
     http->set_default_headers(headers_of_all());
 
     const bool only_loopback = is_loopback(address.host);
@@ -480,8 +482,8 @@ void Page::Server::viewer_left() {
     changed.notify_all();
 }
 
-Page::Page(const Board& board, const PageAddress& address)
-    : server_(std::make_unique<Server>(board, address)) {}
+Page::Page(const Board& board, const PageAddress& address, const PageLimits& limits)
+    : server_(std::make_unique<Server>(board, address, limits)) {}
 
 Page::~Page() = default;
 

@@ -1,6 +1,7 @@
 // The station's page: the live table in a browser, fed by server-sent events.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -18,12 +19,18 @@ struct PageAddress {
 /// clear line when it is none of these.
 PageAddress page_address(const std::string& text);
 
+/// How long a viewer may take: to send its request, and to take what is sent to it.
+struct PageLimits {
+    std::chrono::milliseconds request = std::chrono::seconds(3);
+    std::chrono::milliseconds stall = std::chrono::seconds(2);
+};
+
 /// Serves the page until it is destroyed, from threads of its own.
 class Page {
   public:
     /// Binds and starts. Throws std::runtime_error with one clear line when the address cannot be
     /// had. The board must outlive the page.
-    Page(const Board& board, const PageAddress& address);
+    Page(const Board& board, const PageAddress& address, const PageLimits& limits = {});
     ~Page();
     Page(const Page&) = delete;
     Page& operator=(const Page&) = delete;

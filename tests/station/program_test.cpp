@@ -592,6 +592,35 @@ TEST(Records, PackageIsToldFileByFile) {
     EXPECT_TRUE(files[2]["sha256"].is_null());
 }
 
+TEST(WithModules, PackageWithoutAnImageToWriteIsAFileFailure) {
+    const TempDir folder;
+    folder.write("agent.bin", random_image(2000));
+    folder.write("app.bin", random_image(2000));
+    folder.write("flash_download.cfg",
+                 std::string("rom:\n    file: app.bin\n    begin_address: 0x08000000\n"));
+    SimulatedModule module("TR40XBA", {"--instant"});
+    const Finished run = run_program(
+        "orbix_station", Words{module.port(), "--json", "-", "--", "-m", "TR40XBA", "-b", "115200",
+                               "-d", folder.path(), "-s", folder.path("agent.bin"), "-f", "x.bin"});
+    EXPECT_EQ(run.status, status_of(Cause::file)) << run.output << run.errors;
+    EXPECT_TRUE(contains(run.errors, "the package has no image to write")) << run.errors;
+}
+
+TEST(Records, LayoutOfAPackageIsTheOneThatIsNamed) {
+    const TempDir folder;
+    folder.write("one.bin", std::string("abc"));
+    folder.write("flash_download.cfg", std::string("rom:\n    file: two.bin\n"));
+    folder.write("other.cfg", std::string("rom:\n    file: one.bin\n"));
+    const Fake fake(success);
+    const Finished run = run_program(
+        "orbix_station", fake.options() + Words{"P1", "--json", "-", "--", "-m", "TR40XBA", "-d",
+                                                folder.path(), "-g", "other"});
+    const json files = of_event(records_in(run.output), "result").at(0)["firmware"];
+    ASSERT_EQ(files.size(), 2U);
+    EXPECT_TRUE(files[0]["path"].get<std::string>().ends_with("other.cfg"));
+    EXPECT_TRUE(files[1]["path"].get<std::string>().ends_with("one.bin"));
+}
+
 TEST(Records, AreLimitedInRate) {
     const Fake fake(
         "echo '[000.000][INFO] Send Firmware...'\nfor i in $(seq 1 400); do echo "
