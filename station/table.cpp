@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 
@@ -49,7 +50,7 @@ std::string padded(std::string_view text, std::size_t columns) {
 
 std::string bar_of(double percent) {
     const double share = std::clamp(percent, 0.0, 100.0) / 100;
-    const auto filled = static_cast<std::size_t>(share * static_cast<double>(bar_width) + 0.5);
+    const auto filled = static_cast<std::size_t>(std::lround(share * bar_width));
     return std::string(filled, '#') + std::string(bar_width - filled, '.');
 }
 
