@@ -441,8 +441,12 @@ void Page::Server::answer_stream(httplib::Response& response) {
 
 /// Waits for news and sends them, not too often. Returns false when the viewer has gone.
 bool Page::Server::send_news(Viewer& viewer, httplib::DataSink& sink) {
-    const Changes changes = viewer.is_new ? board.changes_since(0)
-                                          : board.wait_for_changes(viewer.version, look_interval);
+    std::unique_lock lock(mutex);
+    const bool stops = stopping;  // asked first: what is fetched behind it is the last there is
+    lock.unlock();
+    const Changes changes = viewer.is_new || stops
+                                ? board.changes_since(viewer.version)
+                                : board.wait_for_changes(viewer.version, look_interval);
     if (!sink.is_writable()) {
         return false;
     }
@@ -455,9 +459,7 @@ bool Page::Server::send_news(Viewer& viewer, httplib::DataSink& sink) {
     } else if (now - viewer.last_sent >= comment_interval) {
         text = ": nothing new\n\n";
     }
-    std::unique_lock lock(mutex);
-    const bool over = changes.closed || stopping;
-    lock.unlock();
+    const bool over = changes.closed || stops;
     if (over) {
         text += event("ended", nlohmann::json::object());
     }

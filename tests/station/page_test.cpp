@@ -483,6 +483,32 @@ TEST(PageEnd, ViewersAreToldAndDoNotHoldIt) {
     EXPECT_EQ(viewer.next_event().first, "ended");
 }
 
+TEST(PageEnd, TheLastNewsComesBeforeIt) {
+    // Long lines keep the page busy with the first news while the last come, and the end.
+    const std::string long_line(200'000, 'x');
+    for (int milliseconds = 0; milliseconds < 12; milliseconds += 2) {
+        Board board;
+        auto page = std::make_unique<Page>(board, any_port, patient);
+        Client viewer(page->port());
+        viewer.watch();
+        viewer.next_event();
+        std::this_thread::sleep_for(300ms);  // news are sent no more often than that
+        board.write("A", [&long_line](Row& row) { row.last_lines.assign(5, long_line); });
+        std::thread end([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+            board.write("A", [](Row& row) { row.message = "the last"; });
+            page.reset();
+        });
+        std::string last;
+        for (auto event = viewer.next_event(); event.first == "changes";
+             event = viewer.next_event()) {
+            last = event.second.dump();
+        }
+        end.join();
+        EXPECT_NE(last.find("the last"), std::string::npos) << milliseconds << " ms";
+    }
+}
+
 TEST(PageEnd, AViewerThatStallsDoesNotHoldIt) {
     Board board;
     const std::string long_line(1'000'000, 'x');
