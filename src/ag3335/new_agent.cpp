@@ -133,7 +133,7 @@ bool read_block(FirmwareFile& file, std::span<std::uint8_t> block) {
     if (file.read(block) == block.size()) {
         return true;
     }
-    hints::give("the image could not be read to its end\n");
+    hints::image_changed();
     return false;
 }
 

@@ -182,6 +182,10 @@ void give(const char* format, ...) {
     va_end(arguments);
 }
 
+void image_changed() {
+    give("the image has changed its length during the run, or cannot be read to its end\n");
+}
+
 void reset() {
     observed = {};
 }

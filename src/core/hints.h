@@ -15,6 +15,10 @@ namespace orbix::hints {
 /// "hint: " and the text, on standard error. The text ends with a line feed.
 [[gnu::format(printf, 1, 2)]] void give(const char* format, ...);
 
+/// That fewer or more bytes of an image could be read than were announced. The module has been told
+/// another length, and nothing that it answers need show it.
+void image_changed();
+
 /// Forgets the last run.
 void reset();
 

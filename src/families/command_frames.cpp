@@ -108,12 +108,6 @@ int send_block(SerialHandle handle, const Dialect& dialect, std::span<const std:
     return attempts_exhausted;
 }
 
-/// The module has been told another length and CRC, and nothing that it answers need show it.
-int refuse_changed_image() {
-    hints::give("the image has changed its length during the run\n");
-    return firmware_not_opened;
-}
-
 }  // namespace
 
 void take_option(int letter, const char* value, Options& options) {
@@ -207,7 +201,8 @@ int send_firmware(SerialHandle handle, const Dialect& dialect, const char* path,
     }
     const int total = file.size();
     if (total != announced) {
-        return refuse_changed_image();
+        hints::image_changed();
+        return firmware_not_opened;
     }
     log_progress(0.0F, LineEnd::crlf);
     flash_tool_secs();  // the transfer's clock starts here
@@ -230,11 +225,11 @@ int send_firmware(SerialHandle handle, const Dialect& dialect, const char* path,
         log_progress(100.0F * static_cast<float>(sent) / static_cast<float>(total), LineEnd::crlf);
         log_speed(sent, total, rounded_kbytes(sent), flash_tool_secs());
     }
-    if (file.failed()) {
-        std::perror("fread");
+    if (file.failed() || sent != total) {
+        hints::image_changed();
         return firmware_not_opened;
     }
-    return sent == total ? 0 : refuse_changed_image();
+    return 0;
 }
 
 int reset(SerialHandle handle, const Dialect& dialect) {

@@ -160,7 +160,7 @@ int write_image(SerialHandle handle, const char* path) {
     }
     if (sent != file_len) {
         // Nothing else would tell: the processor does not know how much it is to get.
-        hints::give("the image could not be read to its end\n");
+        hints::image_changed();
         return -1;
     }
     return 0;

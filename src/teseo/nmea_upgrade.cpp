@@ -147,7 +147,7 @@ int send_packets(SerialHandle handle, const NmeaUpgrade& upgrade, std::int32_t f
     }
     if (sent != file_len) {
         // The agent waits for the rest, and is asked nothing more that could tell.
-        hints::give("the image could not be read to its end\n");
+        hints::image_changed();
         return -1;
     }
     return 0;

@@ -63,12 +63,6 @@ int send_block(SerialHandle handle, std::span<const std::uint8_t> frame) {
     return response_refused;
 }
 
-/// The module has been told another length and CRC, and nothing that it answers need show it.
-int refuse_changed_image() {
-    hints::give("the image has changed its length during the run\n");
-    return firmware_not_opened;
-}
-
 }  // namespace
 
 int get_boot_version(SerialHandle handle, const FramedTarget& target, std::string& version) {
@@ -140,7 +134,8 @@ int send_firmware(SerialHandle handle, const FramedTarget& target, const char* p
     }
     const int total = file.size();
     if (total != announced) {
-        return refuse_changed_image();
+        hints::image_changed();
+        return firmware_not_opened;
     }
     log_progress(0.0F, LineEnd::crlf);
     flash_tool_secs();  // the transfer's clock starts here
@@ -163,11 +158,11 @@ int send_firmware(SerialHandle handle, const FramedTarget& target, const char* p
         log_progress(100.0F * static_cast<float>(sent) / static_cast<float>(total), LineEnd::crlf);
         log_speed(sent, total, rounded_kbytes(sent), flash_tool_secs());
     }
-    if (file.failed()) {
-        std::perror("fread");
+    if (file.failed() || sent != total) {
+        hints::image_changed();
         return firmware_not_opened;
     }
-    return sent == total ? 0 : refuse_changed_image();
+    return 0;
 }
 
 int reset_module(SerialHandle handle, const FramedTarget& target) {

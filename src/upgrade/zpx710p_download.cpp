@@ -186,7 +186,7 @@ int ZPX710P_SendFW(SerialHandle handle, const char* path) {
         log_speed(sent, total, rounded_kbytes(sent), flash_tool_secs());
     }
     if (file.failed() || sent != total) {
-        hints::give("the image could not be read to its end\n");
+        hints::image_changed();
         return -1;
     }
     return 0;

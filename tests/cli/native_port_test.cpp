@@ -80,15 +80,12 @@ TEST_F(NativePort, WhateverFollowsAShortWriteWaitsForItsByte) {
         [] { native().sleep_us(0); },
         [this] { native().close(port_); },
     };
-    double least = 0;
     for (std::size_t number = 0; number < calls.size(); ++number) {
         const double begun = elapsed_ms();
         EXPECT_EQ(native().write(port_, one_byte), 1);
         calls[number]();
         EXPECT_GE(elapsed_ms() - begun, byte_ms) << "call " << number;
-        least += byte_ms;
     }
-    EXPECT_GE(elapsed_ms(), least);
 }
 
 TEST_F(NativePort, ShortWritesFollowEachOtherAtTheLinesRate) {

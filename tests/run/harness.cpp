@@ -1,5 +1,7 @@
 #include "run/harness.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -68,6 +70,20 @@ std::string speed_line(const ToolRun& run, int done, int total, double kbytes, l
     std::snprintf(rate.data(), rate.size(), "%.1f KBps",
                   kbytes * 1000 / static_cast<double>(taken_ms));
     return head + rate.data();
+}
+
+void expect_speed_of_frames(const ToolRun& run, int total) {
+    const auto lines = run.progress_lines();
+    const long begun =
+        time_of(run, "[SPEED] 0 Bytes/" + std::to_string(total) + " Bytes    0 KBps");
+    std::size_t line = 1;
+    for (int done = 0; done < total;) {
+        done = std::min(done + 5120, total);
+        line += 2;
+        ASSERT_LT(line, lines.size());
+        EXPECT_EQ(lines[line], speed_line(run, done, total, (done + 1024) / 1024.0, begun));
+    }
+    EXPECT_EQ(lines.size(), line + 1);
 }
 
 bool contains(std::span<const std::uint8_t> whole, std::span<const std::uint8_t> part) {

@@ -66,6 +66,10 @@ long time_of(const ToolRun& run, const std::string& text);
 /// `begun_ms` to that line's own stamp.
 std::string speed_line(const ToolRun& run, int done, int total, double kbytes, long begun_ms);
 
+/// Expects the SPEED lines of an image that goes in frames of 5120 bytes: what is done counts one
+/// kibibyte high, and the time from the line before the first frame.
+void expect_speed_of_frames(const ToolRun& run, int total);
+
 /// Whether `part` stands somewhere in `whole`.
 bool contains(std::span<const std::uint8_t> whole, std::span<const std::uint8_t> part);
 

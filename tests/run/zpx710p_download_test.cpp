@@ -352,40 +352,26 @@ TEST(Zpx710pDownload, AnImageLargerThanTheFlashIsRefusedByTheModule) {
     EXPECT_EQ(run.result(), upgrade_failure(-1));
 }
 
-TEST(Zpx710pDownload, AnImageThatShrinksDuringTheRunIsAFailure) {
-    const TempDir folder;
-    const std::string path = folder.write("app.bin", random_image(20'000));
-    Zpx710pRomLoader module;
-    module.tamper = [&path](Question question, Bytes& /*answer*/) {
-        if (question == Question::address) {
-            std::filesystem::resize_file(path, 10'000);
-        }
-    };
-    ::testing::internal::CaptureStderr();
-    const ToolRun run(module, arguments(path));
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-              "hint: the image could not be read to its end\n");
-    EXPECT_EQ(run.count("[SPEED] 10000 Bytes/20000 Bytes"), 1U);
-    EXPECT_EQ(run.family_lines().back(), "[ERROR] Send FW failed");
-    EXPECT_EQ(run.result(), upgrade_failure(-1));
-}
-
-TEST(Zpx710pDownload, AnImageThatGrowsDuringTheRunIsAFailure) {
-    const TempDir folder;
-    const std::string path = folder.write("app.bin", random_image(10'000));
-    Zpx710pRomLoader module;
-    module.tamper = [&path](Question question, Bytes& /*answer*/) {
-        if (question == Question::address) {
-            std::filesystem::resize_file(path, 10'100);
-        }
-    };
-    ::testing::internal::CaptureStderr();
-    const ToolRun run(module, arguments(path));
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-              "hint: the image could not be read to its end\n");
-    EXPECT_EQ(run.count("[ERROR]"), 1U);
-    EXPECT_EQ(run.family_lines().back(), "[ERROR] Send FW failed");
-    EXPECT_EQ(run.result(), upgrade_failure(-1));
+TEST(Zpx710pDownload, AnImageThatChangesItsLengthDuringTheRunIsAFailure) {
+    for (const std::uintmax_t length : {5'000U, 10'100U}) {
+        const TempDir folder;
+        const std::string path = folder.write("app.bin", random_image(10'000));
+        Zpx710pRomLoader module;
+        module.tamper = [&path, length](Question question, Bytes& /*answer*/) {
+            if (question == Question::address) {
+                std::filesystem::resize_file(path, length);
+            }
+        };
+        ::testing::internal::CaptureStderr();
+        const ToolRun run(module, arguments(path));
+        EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+                  "hint: the image has changed its length during the run, or cannot be read to its "
+                  "end\n");
+        EXPECT_EQ(run.count("[SPEED] " + std::to_string(length) + " Bytes/10000 Bytes"), 1U);
+        EXPECT_EQ(run.count("[ERROR]"), 1U);
+        EXPECT_EQ(run.family_lines().back(), "[ERROR] Send FW failed");
+        EXPECT_EQ(run.result(), upgrade_failure(-1));
+    }
 }
 
 // --- Handshake ---
